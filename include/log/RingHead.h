@@ -1,0 +1,92 @@
+// The byte ring laid over the shared segment (or the private block of a
+// process without an installation). Its 48-byte header also carries the live
+// switches (active, level, component mask) that every process reads before it
+// builds a record. The layout is shared across processes and must not change.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace PF::Utils::LOG {
+
+class RingHead {
+public:
+    virtual ~RingHead();
+
+    // Lays a fresh header over base; refuses sizes 0..47.
+    static bool Init(void* base, int size, RingHead*& out);
+    static RingHead* GetInstance() { return instance; }
+
+    bool CheckValid();
+    unsigned Count();
+    bool Empty();  // always false; drops every unread byte
+
+    unsigned Enqueue(void* data, unsigned len);
+    unsigned Dequeue(void* buf, unsigned len);
+    void EnqueueImp(void* data, unsigned len);
+    unsigned DequeueImp(void* buf, unsigned len);
+
+    bool SetActive(unsigned value);
+    bool SetLevel(unsigned value);
+    bool SetComponentMask(unsigned long value);
+
+    // Lock-free reads of the switches, for the writers' filters.
+    unsigned LoadActive() const { return __atomic_load_n(&active, __ATOMIC_RELAXED); }
+    unsigned LoadLevel() const { return __atomic_load_n(&level, __ATOMIC_RELAXED); }
+    unsigned long LoadComponentMask() const {
+        return __atomic_load_n(&componentMask, __ATOMIC_RELAXED);
+    }
+
+    static RingHead* instance;  // this process's ring; null: every write is a no-op
+    static char* sRing;         // the data area, instance + 48
+
+    // Marks the ring at base as about to be unmapped or freed and waits for a
+    // writer that holds the lock; later Enqueue calls on it do nothing.
+    static void Retire(const void* base);
+
+    // Offset 0 holds the vtable pointer of the initialising process; no other
+    // process reads it.
+    unsigned active;                // 8
+    unsigned level;                 // 12
+    unsigned mask;                  // 16
+    unsigned capacity;              // 20, a power of two
+    unsigned prodHead;              // 24, free-running reserve index
+    unsigned prodTail;              // 28, publish index
+    unsigned consHead;              // 32
+    unsigned consTail;              // 36
+    unsigned long componentMask;    // 40
+
+private:
+    RingHead();
+    static const void* sRetired;
+    // Enqueue, in named steps.
+    bool Reserve(unsigned len, unsigned& head);
+    void CopyIn(unsigned head, const void* data, unsigned len);
+    void Publish(unsigned head, unsigned len);
+    // Dequeue, in named steps.
+    bool ReserveRead(unsigned& head, unsigned& n);
+    void CopyOut(unsigned head, void* buf, unsigned n);
+    void Release(unsigned head, unsigned n);
+};
+
+// RingHead is not standard-layout (it has a vtable); g++ lays it out like the
+// plain struct it replaces, which these checks pin down.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+static_assert(sizeof(RingHead) == 48, "ring header is 48 bytes");
+static_assert(offsetof(RingHead, active) == 8);
+static_assert(offsetof(RingHead, level) == 12);
+static_assert(offsetof(RingHead, mask) == 16);
+static_assert(offsetof(RingHead, capacity) == 20);
+static_assert(offsetof(RingHead, prodHead) == 24);
+static_assert(offsetof(RingHead, prodTail) == 28);
+static_assert(offsetof(RingHead, consHead) == 32);
+static_assert(offsetof(RingHead, consTail) == 36);
+static_assert(offsetof(RingHead, componentMask) == 40);
+#pragma GCC diagnostic pop
+static_assert(sizeof(unsigned long) == 8, "x86-64 Linux only");
+
+// Size of the segment the reader creates and of the private block.
+constexpr unsigned long kSegmentSize = 0x800030;
+
+}  // namespace PF::Utils::LOG

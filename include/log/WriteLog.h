@@ -1,0 +1,197 @@
+// Write templates: WriteLog<T> builds one binary record on the stack and
+// enqueues it into the ring in one piece; in a process without an
+// installation it hands the record to the text path WriteLogNoBinary<T>.
+// Filtering (ring present, active, level, component) is the caller's job;
+// the logging macros do it before any argument is evaluated.
+#pragma once
+
+#include <alloca.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+#include "log/ConfManager.h"
+#include "log/Control.h"
+#include "log/Decode.h"
+#include "log/LogHead.h"
+#include "log/RingHead.h"
+
+namespace PF::Utils::LOG {
+
+// Builds the ring-full notice record (level WARN, thread id 0).
+std::vector<char> GenerateEmptyLog();
+
+namespace detail {
+
+// Kernel thread id of the calling thread, fetched once per thread.
+extern __thread unsigned int tCachedThreadId;
+
+inline unsigned int CurrentThreadId() noexcept {
+    unsigned int id = tCachedThreadId;
+    if (__builtin_expect(id == 0, 0)) {
+        id = static_cast<unsigned int>(::syscall(SYS_gettid));
+        tCachedThreadId = id;
+    }
+    return id;
+}
+
+inline std::int64_t NowUs() noexcept {
+    // Truncated toward zero, like the nanosecond count it comes from.
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+               .count() /
+           1000;
+}
+
+// A null pointer is logged as empty text instead of crashing the caller.
+inline const char* OrEmpty(const char* s) noexcept { return s != nullptr ? s : ""; }
+
+template <class T>
+constexpr bool kIsText = std::is_same_v<T, std::string> || std::is_same_v<T, std::string_view> ||
+                         std::is_same_v<std::remove_cv_t<std::remove_pointer_t<std::decay_t<T>>>,
+                                        char>;
+
+// First byte of a content of type T.
+template <class T>
+const char* ContentBytes(const T& content) noexcept {
+    using D = std::decay_t<T>;
+    if constexpr (std::is_same_v<T, std::string> || std::is_same_v<T, std::string_view>) {
+        return content.data();
+    } else if constexpr (std::is_pointer_v<D>) {
+        const void* bytes = content;  // arrays decay here too
+        return bytes != nullptr ? static_cast<const char*>(bytes) : "";
+    } else {
+        return static_cast<const char*>(static_cast<const void*>(&content));
+    }
+}
+
+// Length of a text content: up to its first NUL, as strlen() counts.
+template <class T>
+unsigned int TextLength(const T& content) noexcept {
+    if constexpr (std::is_same_v<T, std::string>) {
+        return static_cast<unsigned int>(std::strlen(content.c_str()));
+    } else if constexpr (std::is_same_v<T, std::string_view>) {
+        const void* nul = std::memchr(content.data(), 0, content.size());
+        return static_cast<unsigned int>(
+            nul != nullptr ? static_cast<const char*>(nul) - content.data() : content.size());
+    } else if constexpr (std::is_arithmetic_v<T>) {
+        return sizeof(T);
+    } else {
+        return static_cast<unsigned int>(std::strlen(ContentBytes(content)));
+    }
+}
+
+}  // namespace detail
+
+// Text path of a process without an installation: renders the record as a
+// line at once, enqueues the line into the private ring and echoes it to
+// stdout when "console" is on. program and component are not used.
+template <class T>
+void WriteLogNoBinary(const char* tag, const T& content, unsigned char level, const char* function,
+                      unsigned int length, unsigned int binary, unsigned long component,
+                      std::string program) {
+    (void)component;
+    (void)program;
+    LogHead head{};
+    head.flags = static_cast<std::uint16_t>((binary << 3) | level);
+    head.contentLen = binary == 1 ? length : detail::TextLength(content);
+    head.threadId = detail::CurrentThreadId();
+    head.timeUs = detail::NowUs();
+
+    std::string functionText(detail::OrEmpty(function));
+    std::string tagText(detail::OrEmpty(tag));
+    std::string contentText;
+    if (binary == 0) {
+        std::ostringstream stream;
+        if constexpr (std::is_pointer_v<std::decay_t<T>> && detail::kIsText<T>) {
+            stream << detail::ContentBytes(content);
+        } else {
+            stream << content;
+        }
+        contentText = stream.str();
+    } else {
+        contentText = ParseLogContent(head.flags, 0, const_cast<char*>(detail::ContentBytes(content)),
+                                      head.contentLen);
+    }
+
+    std::string line = gParseLogFunction(head, functionText, tagText, contentText);
+    line.push_back('\n');
+    if (line.size() > kMaxRecordLength) return;
+    if (RingHead* ring = RingHead::GetInstance()) {
+        ring->Enqueue(line.data(), static_cast<unsigned>(line.size()));
+    }
+    OutputConsole(line);
+}
+
+// Writes one record of content (text, raw bytes when binary is 1, or one
+// arithmetic value stored as its sizeof(T) bytes with its type code). Silent:
+// no ring, a record over 1 MiB, a lock not had within 1 ms all drop it. The
+// record is built in a stack buffer of its exact size, so a thread that logs
+// records near 1 MiB needs that much stack.
+template <class T>
+void WriteLog(const char* tag, const T& content, unsigned char level, const char* function,
+              unsigned int length, unsigned int binary, unsigned long component,
+              std::string program) {
+    if (binary == 1 && length == 0) return;
+    if (ConfManager::outputMode) {
+        // The caller's program name is dropped on the text path on purpose.
+        WriteLogNoBinary<T>(tag, content, level, function, length, binary, component,
+                            std::string());
+        return;
+    }
+    const char* programName = program.empty() ? program_invocation_short_name : program.c_str();
+    function = detail::OrEmpty(function);
+    tag = detail::OrEmpty(tag);
+
+    const auto functionLen = static_cast<std::uint16_t>(std::strlen(function));
+    const auto programLen = static_cast<std::uint16_t>(std::strlen(programName));
+    const auto tagLen = static_cast<std::uint16_t>(std::strlen(tag));
+    const unsigned int threadId = detail::CurrentThreadId();
+    std::uint32_t valueType = 0;
+    if constexpr (std::is_arithmetic_v<T>) {
+        length = sizeof(T);
+        valueType = static_cast<std::uint32_t>(TypeToNumber<T>());
+    } else {
+        if (binary == 0) length = detail::TextLength(content);
+    }
+    const std::int64_t timeUs = detail::NowUs();
+
+    // 32-bit sum on purpose: callers keep binary lengths small.
+    const std::uint32_t total = 32U + functionLen + programLen + tagLen + length;
+    if (total > kMaxRecordLength) return;
+
+    auto* record = static_cast<char*>(alloca(total));
+    LogHead head;
+    head.flags = static_cast<std::uint16_t>((binary << 3) | level);
+    head.programLen = programLen;
+    head.functionLen = functionLen;
+    head.tagLen = tagLen;
+    head.contentLen = length;
+    head.valueType = valueType;
+    head.threadId = threadId;
+    head.component = static_cast<std::uint32_t>(component);
+    head.timeUs = timeUs;
+    char* out = record;
+    std::memcpy(out, &head, sizeof head);
+    out += sizeof head;
+    std::memcpy(out, function, functionLen);
+    out += functionLen;
+    std::memcpy(out, programName, programLen);
+    out += programLen;
+    std::memcpy(out, tag, tagLen);
+    out += tagLen;
+    std::memcpy(out, detail::ContentBytes(content), length);
+
+    if (RingHead* ring = RingHead::instance) ring->Enqueue(record, total);
+}
+
+}  // namespace PF::Utils::LOG

@@ -1,0 +1,49 @@
+// What the loader runs: every process gets its role at load, and gives its
+// resources back at unload. Runs after the library's own objects are built
+// (they are constructed first and never destroyed).
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "lifecycle/ProcessRoles.h"
+#include "log/ConfManager.h"
+#include "log/Control.h"
+
+namespace PF::Utils::LOG {
+
+__attribute__((constructor)) void Init() {
+    try {
+        const std::string name = program_invocation_short_name;
+        // The runtime becomes the reader only through StartRuntimeLog.
+        if (name == "ZMRuntime") return;
+        // The test suite sets itself up through the exported calls.
+        if (name == "LogAutoTest") return;
+        const auto paths = InitConfAndLogPath();
+        if (FILE* file = std::fopen(paths.first.c_str(), "r")) {
+            ConfManager::outputMode = false;
+            std::fclose(file);
+        }
+        if (IsUPEnvironment()) {
+            InitResourceAndReadThread();
+        } else {
+            InitWriteProcess();  // a failed attach just leaves the process silent
+        }
+    } catch (...) {
+        // Nothing may escape into the loader.
+    }
+}
+
+__attribute__((destructor)) void CloseResource() {
+    try {
+        if (!IsUPEnvironment()) {
+            // The runtime must have called ReleaseRuntimeLog itself.
+            if (std::strcmp(program_invocation_short_name, "ZMRuntime") != 0) CloseWriteProcess();
+            return;
+        }
+        CloseReadThreadAndResource();
+    } catch (...) {
+    }
+}
+
+}  // namespace PF::Utils::LOG

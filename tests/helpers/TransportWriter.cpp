@@ -1,0 +1,42 @@
+// Helper process for the transport tests. Started with argv[0] set to the
+// role name; attaches to the runtime's ring and then:
+//   write <count> [size]   writes <count> records "<argv0>-<i>" (padded to size)
+//   hold                   takes "/WriteLOG", prints "locked", waits to be killed
+#include <semaphore.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "log/ZMRuntimeLog.h"
+#include "transport/SemManager.h"
+
+using namespace PF::Utils::LOG;
+
+int main(int argc, char** argv) {
+    if (argc < 2) return 2;
+    if (RingHead::GetInstance() == nullptr && !InitWriteLogEnv()) {
+        std::puts("attach failed");
+        return 3;
+    }
+    const std::string command = argv[1];
+    if (command == "write" && argc >= 3) {
+        const long count = std::strtol(argv[2], nullptr, 10);
+        const size_t size = argc >= 4 ? std::strtoul(argv[3], nullptr, 10) : 0;
+        for (long i = 0; i < count; ++i) {
+            std::string text = std::string(argv[0]) + "-" + std::to_string(i);
+            if (text.size() < size) text.append(size - text.size(), '.');
+            WriteLog<const char*>("seq", text.c_str(), kInfo, "main", 0, 0, 0, std::string());
+        }
+        std::puts("done");
+        return 0;
+    }
+    if (command == "hold") {
+        sem_wait(SemManager::sem);
+        std::puts("locked");
+        std::fflush(stdout);
+        for (;;) pause();
+    }
+    return 2;
+}

@@ -1,0 +1,56 @@
+// A test that owns the shared ring in this process, as the runtime would:
+// semaphores and "ZMLOG" created, header initialised, logging active at
+// TRACE. Removed again afterwards.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "log/ZMRuntimeLog.h"
+#include "support/TestSupport.h"
+#include "transport/SHMManager.h"
+#include "transport/MEMManager.h"
+#include "transport/SemManager.h"
+
+namespace zmtest {
+
+class SharedRingTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        using namespace PF::Utils::LOG;
+        ConfManager::outputMode = false;
+        ASSERT_TRUE(SemManager::Create());
+        ASSERT_TRUE(SHMManager::CreateSHM(kSegmentSize));
+        ASSERT_TRUE(RingHead::Init(SHMManager::shmInfo.address, static_cast<int>(kSegmentSize),
+                                   RingHead::instance));
+        ring = RingHead::instance;
+        ASSERT_TRUE(ring->SetActive(1));
+        ASSERT_TRUE(ring->SetLevel(0));
+        install.WriteConfig("[log]\n");
+    }
+
+    void TearDown() override {
+        using namespace PF::Utils::LOG;
+        RingHead::instance = nullptr;
+        SemManager::Destory();
+        SHMManager::DestroySHM();
+        SHMManager::DeleteSHM();
+        ConfManager::outputMode = true;
+    }
+
+    // Everything published so far.
+    std::string Drain() {
+        std::string bytes(ring->capacity, '\0');
+        unsigned n = ring->Dequeue(bytes.data(), static_cast<unsigned>(bytes.size()));
+        bytes.resize(n);
+        return bytes;
+    }
+
+    GlobalNamesLock names;  // first member: held before anything is created
+    TempInstall install;
+    PF::Utils::LOG::RingHead* ring = nullptr;
+};
+
+}  // namespace zmtest

@@ -1,0 +1,285 @@
+#include "support/TestSupport.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <semaphore.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+extern char** environ;
+
+namespace zmtest {
+namespace fs = std::filesystem;
+
+TempInstall::TempInstall() {
+    char pattern[] = "/tmp/zmlog-test-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
+    root_ = pattern;
+    fs::create_directories(Home() + "/conf");
+    fs::create_directories(Data());
+}
+
+TempInstall::~TempInstall() {
+    if (exported_) {
+        unsetenv("ZM_VELDOR_HOME");
+        unsetenv("ZM_VELDOR_DATA");
+    }
+    std::error_code ec;
+    fs::remove_all(root_, ec);
+}
+
+void TempInstall::WriteConfig(const std::string& text) const { WriteFile(ConfPath(), text); }
+
+std::vector<std::string> TempInstall::Env() const {
+    return {"ZM_VELDOR_HOME=" + Home(), "ZM_VELDOR_DATA=" + Data()};
+}
+
+void TempInstall::ExportEnv() {
+    setenv("ZM_VELDOR_HOME", Home().c_str(), 1);
+    setenv("ZM_VELDOR_DATA", Data().c_str(), 1);
+    exported_ = true;
+}
+
+std::string HelperPath(const std::string& helper) { return std::string(ZMLOG_HELPER_DIR) + "/" + helper; }
+
+Child::Child(const std::string& helper, const std::string& role,
+             const std::vector<std::string>& args, const std::vector<std::string>& env) {
+    int out[2];
+    int err[2];
+    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+
+    // Everything the child needs is prepared before fork.
+    std::string path = HelperPath(helper);
+    std::vector<std::string> argvText{role};
+    argvText.insert(argvText.end(), args.begin(), args.end());
+    std::vector<std::string> envText;
+    for (char** e = environ; *e != nullptr; ++e) {
+        std::string entry(*e);
+        std::string name = entry.substr(0, entry.find('='));
+        bool replaced = false;
+        for (const auto& mine : env) replaced = replaced || mine.substr(0, mine.find('=')) == name;
+        if (!replaced) envText.push_back(entry);
+    }
+    envText.insert(envText.end(), env.begin(), env.end());
+    std::vector<char*> argv;
+    for (auto& a : argvText) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::vector<char*> envp;
+    for (auto& e : envText) envp.push_back(e.data());
+    envp.push_back(nullptr);
+
+    pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("fork");
+    if (pid_ == 0) {
+        dup2(out[1], 1);
+        dup2(err[1], 2);
+        execve(path.c_str(), argv.data(), envp.data());
+        _exit(127);
+    }
+    close(out[1]);
+    close(err[1]);
+    outFd_ = out[0];
+    errFd_ = err[0];
+}
+
+Child::~Child() {
+    if (!reaped_ && pid_ > 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    if (outFd_ >= 0) close(outFd_);
+    if (errFd_ >= 0) close(errFd_);
+}
+
+void Child::Signal(int sig) const { kill(pid_, sig); }
+
+void Child::Pump(int timeoutMs) {
+    pollfd fds[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
+    int n = poll(fds, 2, timeoutMs);
+    if (n <= 0) return;
+    char buf[65536];
+    for (int i = 0; i < 2; ++i) {
+        if ((fds[i].revents & (POLLIN | POLLHUP)) == 0 || fds[i].fd < 0) continue;
+        ssize_t r = read(fds[i].fd, buf, sizeof buf);
+        if (r > 0) {
+            (i == 0 ? out_ : err_).append(buf, static_cast<size_t>(r));
+        } else if (r == 0) {
+            close(fds[i].fd);
+            (i == 0 ? outFd_ : errFd_) = -1;
+        }
+    }
+}
+
+bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (out_.find(text) == std::string::npos) {
+        if (std::chrono::steady_clock::now() >= deadline || outFd_ < 0) return false;
+        Pump(10);
+    }
+    return true;
+}
+
+ProcessResult Child::Wait(std::chrono::milliseconds timeout) {
+    if (reaped_) return result_;
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    for (;;) {
+        if (outFd_ >= 0 || errFd_ >= 0) {
+            Pump(5);
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        pid_t r = waitpid(pid_, &status, WNOHANG);
+        if (r == pid_) break;
+        if (std::chrono::steady_clock::now() >= deadline) {
+            result_.timedOut = true;
+            kill(pid_, SIGKILL);
+            waitpid(pid_, &status, 0);
+            break;
+        }
+    }
+    // Drain whatever is still in the pipes.
+    while (outFd_ >= 0 || errFd_ >= 0) Pump(100);
+    reaped_ = true;
+    if (WIFEXITED(status)) result_.exitCode = WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) result_.signal = WTERMSIG(status);
+    result_.out = out_;
+    result_.err = err_;
+    return result_;
+}
+
+ProcessResult RunHelper(const std::string& helper, const std::string& role,
+                        const std::vector<std::string>& args, const std::vector<std::string>& env,
+                        std::chrono::milliseconds timeout) {
+    Child child(helper, role, args, env);
+    return child.Wait(timeout);
+}
+
+bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= deadline) return pred();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void WriteFile(const std::string& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << bytes;
+}
+
+bool Exists(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0;
+}
+
+long FileSize(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
+}
+
+std::string Unscramble(std::string bytes) {
+    for (char& c : bytes) c = static_cast<char>(static_cast<unsigned char>(c) ^ 0x80U);
+    return bytes;
+}
+
+std::vector<Record> WalkRecords(const std::string& bytes, size_t* consumed) {
+    std::vector<Record> records;
+    size_t pos = 0;
+    while (bytes.size() - pos >= sizeof(PF::Utils::LOG::LogHead)) {
+        Record r;
+        std::memcpy(&r.head, bytes.data() + pos, sizeof r.head);
+        size_t body = size_t{r.head.functionLen} + r.head.programLen + r.head.tagLen +
+                      r.head.contentLen;
+        if (bytes.size() - pos - 32 < body) break;
+        size_t at = pos + 32;
+        r.function = bytes.substr(at, r.head.functionLen);
+        at += r.head.functionLen;
+        r.program = bytes.substr(at, r.head.programLen);
+        at += r.head.programLen;
+        r.tag = bytes.substr(at, r.head.tagLen);
+        at += r.head.tagLen;
+        r.content = bytes.substr(at, r.head.contentLen);
+        pos = at + r.head.contentLen;
+        records.push_back(std::move(r));
+    }
+    if (consumed != nullptr) *consumed = pos;
+    return records;
+}
+
+std::string MakeRecord(const std::string& function, const std::string& program,
+                       const std::string& tag, const std::string& content, unsigned level,
+                       unsigned valueType, bool binary, unsigned threadId, long long timeUs,
+                       unsigned component) {
+    PF::Utils::LOG::LogHead h{};
+    h.flags = static_cast<std::uint16_t>((binary ? 8U : 0U) | level);
+    h.programLen = static_cast<std::uint16_t>(program.size());
+    h.functionLen = static_cast<std::uint16_t>(function.size());
+    h.tagLen = static_cast<std::uint16_t>(tag.size());
+    h.contentLen = static_cast<std::uint32_t>(content.size());
+    h.valueType = valueType;
+    h.threadId = threadId;
+    h.component = component;
+    h.timeUs = timeUs;
+    std::string out(reinterpret_cast<const char*>(&h), sizeof h);
+    return out + function + program + tag + content;
+}
+
+std::string CaptureFd(int fd, const std::function<void()>& fn) {
+    fflush(nullptr);
+    char path[] = "/tmp/zmlog-capture-XXXXXX";
+    int tmp = mkstemp(path);
+    unlink(path);
+    int saved = dup(fd);
+    dup2(tmp, fd);
+    fn();
+    fflush(nullptr);
+    dup2(saved, fd);
+    close(saved);
+    std::string text;
+    lseek(tmp, 0, SEEK_SET);
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(tmp, buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
+    close(tmp);
+    return text;
+}
+
+void RemoveGlobalNames() {
+    shm_unlink("ZMLOG");
+    sem_unlink("/WriteLOG");
+    sem_unlink("/ReadLOG");
+}
+
+GlobalNamesLock::GlobalNamesLock() {
+    fd_ = open("/tmp/zmlog-global-names.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd_ >= 0) flock(fd_, LOCK_EX);
+    RemoveGlobalNames();
+}
+
+GlobalNamesLock::~GlobalNamesLock() {
+    RemoveGlobalNames();
+    if (fd_ >= 0) close(fd_);
+}
+
+}  // namespace zmtest
