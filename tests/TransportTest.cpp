@@ -29,10 +29,10 @@ TEST_F(SharedRingTest, HeaderIsLaidOutForAllProcesses) {
         std::memcpy(&v, raw + off, 4);
         return v;
     };
-    EXPECT_EQ(field(8), 1U);            // active
-    EXPECT_EQ(field(12), 0U);           // level
-    EXPECT_EQ(field(16), 0x7FFFFFU);    // mask
-    EXPECT_EQ(field(20), 0x800000U);    // capacity
+    EXPECT_EQ(field(8), 1U);          // active
+    EXPECT_EQ(field(12), 0U);         // level
+    EXPECT_EQ(field(16), 0x7FFFFFU);  // mask
+    EXPECT_EQ(field(20), 0x800000U);  // capacity
     unsigned long mask;
     std::memcpy(&mask, raw + 40, 8);
     EXPECT_EQ(mask, ~0UL);
@@ -170,7 +170,7 @@ TEST_F(SharedRingTest, KilledLockHolderIsRepairedByResetShm) {
 TEST_F(SharedRingTest, ResetShmDropsAHalfFinishedEnqueue) {
     std::string data = Pattern(100, 10);
     ring->Enqueue(data.data(), 100);
-    ring->prodHead += 50;  // a writer died between reserve and publish
+    ring->prodHead += 50;                     // a writer died between reserve and publish
     ASSERT_EQ(sem_wait(SemManager::sem), 0);  // ... holding the lock
     EXPECT_TRUE(ResetShm());
     EXPECT_TRUE(ring->CheckValid());

@@ -15,7 +15,7 @@ namespace PF::Utils::LOG {
 // at load and never destroyed, so shut-down code can still use them after the
 // exit handlers ran.
 class ConfManager {
-public:
+  public:
     ConfManager() = delete;
 
     static bool outputMode;  // true: UP environment (no installation found)

@@ -29,15 +29,15 @@ constexpr std::uint32_t kMaxRecordLength = 0x100000;
 // name, tag, content. The record length is not stored; readers add up the
 // four length fields.
 struct LogHead {
-    std::uint16_t flags;        // bits 0-2 level, bit 3 binary flag
+    std::uint16_t flags;  // bits 0-2 level, bit 3 binary flag
     std::uint16_t programLen;
     std::uint16_t functionLen;
     std::uint16_t tagLen;
     std::uint32_t contentLen;
-    std::uint32_t valueType;    // 0 text, 1..13 TypeToNumber<T>()
-    std::uint32_t threadId;     // kernel thread id; 0 for records of the library itself
-    std::uint32_t component;    // low 32 bits of the caller's component word
-    std::int64_t timeUs;        // microseconds since the epoch, UTC
+    std::uint32_t valueType;  // 0 text, 1..13 TypeToNumber<T>()
+    std::uint32_t threadId;   // kernel thread id; 0 for records of the library itself
+    std::uint32_t component;  // low 32 bits of the caller's component word
+    std::int64_t timeUs;      // microseconds since the epoch, UTC
 };
 
 static_assert(sizeof(LogHead) == 32, "LogHead is a 32-byte on-disk header");
@@ -59,18 +59,57 @@ int TypeToNumber() {
     static_assert(sizeof(T) == 0, "no type code for this type");
     return 0;
 }
-template <> inline int TypeToNumber<bool>() { return 1; }
-template <> inline int TypeToNumber<unsigned char>() { return 2; }
-template <> inline int TypeToNumber<signed char>() { return 3; }
-template <> inline int TypeToNumber<char>() { return 4; }
-template <> inline int TypeToNumber<unsigned short>() { return 5; }
-template <> inline int TypeToNumber<short>() { return 6; }
-template <> inline int TypeToNumber<unsigned int>() { return 7; }
-template <> inline int TypeToNumber<int>() { return 8; }
-template <> inline int TypeToNumber<float>() { return 9; }
-template <> inline int TypeToNumber<unsigned long>() { return 10; }
-template <> inline int TypeToNumber<long>() { return 11; }
-template <> inline int TypeToNumber<double>() { return 12; }
-template <> inline int TypeToNumber<long long>() { return 13; }
+template <>
+inline int TypeToNumber<bool>() {
+    return 1;
+}
+template <>
+inline int TypeToNumber<unsigned char>() {
+    return 2;
+}
+template <>
+inline int TypeToNumber<signed char>() {
+    return 3;
+}
+template <>
+inline int TypeToNumber<char>() {
+    return 4;
+}
+template <>
+inline int TypeToNumber<unsigned short>() {
+    return 5;
+}
+template <>
+inline int TypeToNumber<short>() {
+    return 6;
+}
+template <>
+inline int TypeToNumber<unsigned int>() {
+    return 7;
+}
+template <>
+inline int TypeToNumber<int>() {
+    return 8;
+}
+template <>
+inline int TypeToNumber<float>() {
+    return 9;
+}
+template <>
+inline int TypeToNumber<unsigned long>() {
+    return 10;
+}
+template <>
+inline int TypeToNumber<long>() {
+    return 11;
+}
+template <>
+inline int TypeToNumber<double>() {
+    return 12;
+}
+template <>
+inline int TypeToNumber<long long>() {
+    return 13;
+}
 
 }  // namespace PF::Utils::LOG

@@ -10,7 +10,7 @@
 namespace PF::Utils::LOG {
 
 class RingHead {
-public:
+  public:
     virtual ~RingHead();
 
     // Lays a fresh header over base; refuses sizes 0..47.
@@ -46,17 +46,17 @@ public:
 
     // Offset 0 holds the vtable pointer of the initialising process; no other
     // process reads it.
-    unsigned active;                // 8
-    unsigned level;                 // 12
-    unsigned mask;                  // 16
-    unsigned capacity;              // 20, a power of two
-    unsigned prodHead;              // 24, free-running reserve index
-    unsigned prodTail;              // 28, publish index
-    unsigned consHead;              // 32
-    unsigned consTail;              // 36
-    unsigned long componentMask;    // 40
+    unsigned active;              // 8
+    unsigned level;               // 12
+    unsigned mask;                // 16
+    unsigned capacity;            // 20, a power of two
+    unsigned prodHead;            // 24, free-running reserve index
+    unsigned prodTail;            // 28, publish index
+    unsigned consHead;            // 32
+    unsigned consTail;            // 36
+    unsigned long componentMask;  // 40
 
-private:
+  private:
     RingHead();
     static const void* sRetired;
     // Enqueue, in named steps.

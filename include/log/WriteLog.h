@@ -53,12 +53,14 @@ inline std::int64_t NowUs() noexcept {
 }
 
 // A null pointer is logged as empty text instead of crashing the caller.
-inline const char* OrEmpty(const char* s) noexcept { return s != nullptr ? s : ""; }
+inline const char* OrEmpty(const char* s) noexcept {
+    return s != nullptr ? s : "";
+}
 
 template <class T>
-constexpr bool kIsText = std::is_same_v<T, std::string> || std::is_same_v<T, std::string_view> ||
-                         std::is_same_v<std::remove_cv_t<std::remove_pointer_t<std::decay_t<T>>>,
-                                        char>;
+constexpr bool kIsText =
+    std::is_same_v<T, std::string> || std::is_same_v<T, std::string_view> ||
+    std::is_same_v<std::remove_cv_t<std::remove_pointer_t<std::decay_t<T>>>, char>;
 
 // First byte of a content of type T.
 template <class T>
@@ -119,8 +121,8 @@ void WriteLogNoBinary(const char* tag, const T& content, unsigned char level, co
         }
         contentText = stream.str();
     } else {
-        contentText = ParseLogContent(head.flags, 0, const_cast<char*>(detail::ContentBytes(content)),
-                                      head.contentLen);
+        contentText = ParseLogContent(
+            head.flags, 0, const_cast<char*>(detail::ContentBytes(content)), head.contentLen);
     }
 
     std::string line = gParseLogFunction(head, functionText, tagText, contentText);

@@ -11,7 +11,7 @@ namespace PF::Utils::LOG::detail {
 
 template <class T>
 class Immortal {
-public:
+  public:
     template <class... Args>
     explicit Immortal(Args&&... args) {
         ::new (static_cast<void*>(storage_)) T(std::forward<Args>(args)...);
@@ -19,7 +19,7 @@ public:
     Immortal(const Immortal&) = delete;
     Immortal& operator=(const Immortal&) = delete;
 
-private:
+  private:
     alignas(T) unsigned char storage_[sizeof(T)];
 };
 

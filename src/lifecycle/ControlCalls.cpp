@@ -6,9 +6,13 @@
 
 namespace PF::Utils::LOG {
 
-bool IsUPEnvironment() { return ConfManager::outputMode; }
+bool IsUPEnvironment() {
+    return ConfManager::outputMode;
+}
 
-bool InitWriteLogEnv() { return InitWriteProcess(); }
+bool InitWriteLogEnv() {
+    return InitWriteProcess();
+}
 
 // An unusable log directory makes the start fail instead of throwing into the
 // runtime.

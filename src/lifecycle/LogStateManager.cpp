@@ -11,7 +11,9 @@ namespace PF::Utils::LOG {
 namespace {
 ZMLOG_IMMORTAL detail::Immortal<std::shared_ptr<LogStateManager>> sInstanceHolder;
 
-std::string CurrentLogDir() { return InitConfAndLogPath().second; }
+std::string CurrentLogDir() {
+    return InitConfAndLogPath().second;
+}
 }  // namespace
 
 std::shared_ptr<LogStateManager>& LogStateManager::sInstance =

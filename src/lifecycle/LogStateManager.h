@@ -7,7 +7,7 @@
 namespace PF::Utils::LOG {
 
 class LogStateManager {
-public:
+  public:
     LogStateManager();
 
     static std::shared_ptr<LogStateManager>& GetInstance();

@@ -1,5 +1,6 @@
 #include "lifecycle/ProcessRoles.h"
 
+#include <dlfcn.h>
 #include <time.h>
 
 #include <cerrno>
@@ -28,6 +29,16 @@ bool ConfigFileOpens(const std::string& path) {
     if (file == nullptr) return false;
     std::fclose(file);
     return true;
+}
+
+// The configuration monitor is detached and may sleep in read() forever: once
+// it runs, the library must stay mapped even if its loader calls dlclose.
+void PinLibraryInMemory() {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&PinLibraryInMemory), &info) != 0 &&
+        info.dli_fname != nullptr) {
+        dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+    }
 }
 
 void SleepMs100() {
@@ -85,6 +96,7 @@ bool InitResourceAndReadThread() {
     InitReadThread();
     std::string archiveDir;
     if (!IsUPEnvironment()) {
+        PinLibraryInMemory();
         ConfManager::StartThread();
         archiveDir = logDir;
     }

@@ -9,7 +9,7 @@
 namespace PF::Utils::LOG {
 
 class MEMManager {
-public:
+  public:
     MEMManager() = delete;
 
     static bool CreateMEM(unsigned long size);

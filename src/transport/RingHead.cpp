@@ -21,11 +21,15 @@ constexpr unsigned kHeaderSize = 48;
 
 // The fields live in memory shared with other processes: every access is an
 // explicit atomic one.
-inline unsigned Load(const unsigned& field) { return __atomic_load_n(&field, __ATOMIC_ACQUIRE); }
+inline unsigned Load(const unsigned& field) {
+    return __atomic_load_n(&field, __ATOMIC_ACQUIRE);
+}
 inline void Store(unsigned& field, unsigned value) {
     __atomic_store_n(&field, value, __ATOMIC_RELAXED);
 }
-inline void FullFence() { __atomic_thread_fence(__ATOMIC_SEQ_CST); }
+inline void FullFence() {
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+}
 inline bool Cas(unsigned& field, unsigned expected, unsigned desired) {
     return __atomic_compare_exchange_n(&field, &expected, desired, false, __ATOMIC_SEQ_CST,
                                        __ATOMIC_SEQ_CST);
@@ -68,7 +72,9 @@ bool RingHead::CheckValid() {
            Load(consTail) == Load(consHead) && Load(capacity) - 1 == Load(mask);
 }
 
-unsigned RingHead::Count() { return Load(prodTail) - Load(consHead); }
+unsigned RingHead::Count() {
+    return Load(prodTail) - Load(consHead);
+}
 
 bool RingHead::Empty() {
     Store(consHead, Load(prodHead));
@@ -235,8 +241,14 @@ bool SetUnderLock(T& field, T value) {
 }
 }  // namespace
 
-bool RingHead::SetActive(unsigned value) { return SetUnderLock(active, value); }
-bool RingHead::SetLevel(unsigned value) { return SetUnderLock(level, value); }
-bool RingHead::SetComponentMask(unsigned long value) { return SetUnderLock(componentMask, value); }
+bool RingHead::SetActive(unsigned value) {
+    return SetUnderLock(active, value);
+}
+bool RingHead::SetLevel(unsigned value) {
+    return SetUnderLock(level, value);
+}
+bool RingHead::SetComponentMask(unsigned long value) {
+    return SetUnderLock(componentMask, value);
+}
 
 }  // namespace PF::Utils::LOG

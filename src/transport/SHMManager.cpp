@@ -27,7 +27,9 @@ bool SHMManager::GetSize() {
     return true;
 }
 
-bool SHMManager::Ftruncate() { return ftruncate(shmInfo.descriptor, shmInfo.size) != -1; }
+bool SHMManager::Ftruncate() {
+    return ftruncate(shmInfo.descriptor, shmInfo.size) != -1;
+}
 
 bool SHMManager::OpenMMAP() {
     shmInfo.address =
@@ -40,7 +42,9 @@ bool SHMManager::OpenMMAP() {
     return shmInfo.address != MAP_FAILED;
 }
 
-bool SHMManager::InitSHM() { return OpenSHM(false) && GetSize() && OpenMMAP(); }
+bool SHMManager::InitSHM() {
+    return OpenSHM(false) && GetSize() && OpenMMAP();
+}
 
 bool SHMManager::CreateSHM(unsigned long size) {
     if (!OpenSHM(true)) return false;
@@ -62,9 +66,13 @@ bool SHMManager::DestroySHM() {
     return true;
 }
 
-bool SHMManager::DeleteSHM() { return shm_unlink(kShmName) == 0; }
+bool SHMManager::DeleteSHM() {
+    return shm_unlink(kShmName) == 0;
+}
 
 // Inverted on purpose (true when msync fails); nothing in the library calls it.
-bool SHMManager::Sync() { return msync(shmInfo.address, shmInfo.size, MS_SYNC) != 0; }
+bool SHMManager::Sync() {
+    return msync(shmInfo.address, shmInfo.size, MS_SYNC) != 0;
+}
 
 }  // namespace PF::Utils::LOG

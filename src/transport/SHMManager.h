@@ -13,17 +13,17 @@ struct MemoryInfo {
 };
 
 class SHMManager {
-public:
+  public:
     SHMManager() = delete;
 
     static bool OpenSHM(bool create);
     static bool GetSize();
     static bool Ftruncate();
     static bool OpenMMAP();
-    static bool InitSHM();                       // writer: attach
-    static bool CreateSHM(unsigned long size);   // reader: create and zero
-    static bool DestroySHM();                    // unmap
-    static bool DeleteSHM();                     // unlink
+    static bool InitSHM();                      // writer: attach
+    static bool CreateSHM(unsigned long size);  // reader: create and zero
+    static bool DestroySHM();                   // unmap
+    static bool DeleteSHM();                    // unlink
     static bool Sync();
 
     static MemoryInfo shmInfo;

@@ -15,7 +15,9 @@ constexpr long kNsPerSecond = 1000000000L;
 // costs far more than that.
 constexpr int kSpinAttempts = 64;
 
-sem_t* OrNull(sem_t* s) { return s == SEM_FAILED ? nullptr : s; }
+sem_t* OrNull(sem_t* s) {
+    return s == SEM_FAILED ? nullptr : s;
+}
 }  // namespace
 
 sem_t* SemManager::sem = nullptr;
@@ -76,6 +78,8 @@ sem_t* SemManager::TimedLock(long timeoutNs) {
     return rc == 0 ? s : nullptr;
 }
 
-void SemManager::Unlock(sem_t* taken) { sem_post(taken); }
+void SemManager::Unlock(sem_t* taken) {
+    sem_post(taken);
+}
 
 }  // namespace PF::Utils::LOG

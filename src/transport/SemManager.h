@@ -9,7 +9,7 @@
 namespace PF::Utils::LOG {
 
 class SemManager {
-public:
+  public:
     SemManager() = delete;
 
     static bool Create();   // reader: replace stale semaphores

@@ -10,14 +10,14 @@
 
 #include "log/ZMRuntimeLog.h"
 #include "support/TestSupport.h"
-#include "transport/SHMManager.h"
 #include "transport/MEMManager.h"
+#include "transport/SHMManager.h"
 #include "transport/SemManager.h"
 
 namespace zmtest {
 
 class SharedRingTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         using namespace PF::Utils::LOG;
         ConfManager::outputMode = false;

@@ -40,7 +40,9 @@ TempInstall::~TempInstall() {
     fs::remove_all(root_, ec);
 }
 
-void TempInstall::WriteConfig(const std::string& text) const { WriteFile(ConfPath(), text); }
+void TempInstall::WriteConfig(const std::string& text) const {
+    WriteFile(ConfPath(), text);
+}
 
 std::vector<std::string> TempInstall::Env() const {
     return {"ZM_VELDOR_HOME=" + Home(), "ZM_VELDOR_DATA=" + Data()};
@@ -52,10 +54,13 @@ void TempInstall::ExportEnv() {
     exported_ = true;
 }
 
-std::string HelperPath(const std::string& helper) { return std::string(ZMLOG_HELPER_DIR) + "/" + helper; }
+std::string HelperPath(const std::string& helper) {
+    return std::string(ZMLOG_HELPER_DIR) + "/" + helper;
+}
 
 Child::Child(const std::string& helper, const std::string& role,
-             const std::vector<std::string>& args, const std::vector<std::string>& env) {
+             const std::vector<std::string>& args, const std::vector<std::string>& env,
+             const std::string& cwd) {
     int out[2];
     int err[2];
     if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
@@ -85,6 +90,7 @@ Child::Child(const std::string& helper, const std::string& role,
     if (pid_ == 0) {
         dup2(out[1], 1);
         dup2(err[1], 2);
+        if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
         execve(path.c_str(), argv.data(), envp.data());
         _exit(127);
     }
@@ -103,7 +109,9 @@ Child::~Child() {
     if (errFd_ >= 0) close(errFd_);
 }
 
-void Child::Signal(int sig) const { kill(pid_, sig); }
+void Child::Signal(int sig) const {
+    kill(pid_, sig);
+}
 
 void Child::Pump(int timeoutMs) {
     pollfd fds[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
@@ -162,8 +170,8 @@ ProcessResult Child::Wait(std::chrono::milliseconds timeout) {
 
 ProcessResult RunHelper(const std::string& helper, const std::string& role,
                         const std::vector<std::string>& args, const std::vector<std::string>& env,
-                        std::chrono::milliseconds timeout) {
-    Child child(helper, role, args, env);
+                        std::chrono::milliseconds timeout, const std::string& cwd) {
+    Child child(helper, role, args, env, cwd);
     return child.Wait(timeout);
 }
 
@@ -209,8 +217,8 @@ std::vector<Record> WalkRecords(const std::string& bytes, size_t* consumed) {
     while (bytes.size() - pos >= sizeof(PF::Utils::LOG::LogHead)) {
         Record r;
         std::memcpy(&r.head, bytes.data() + pos, sizeof r.head);
-        size_t body = size_t{r.head.functionLen} + r.head.programLen + r.head.tagLen +
-                      r.head.contentLen;
+        size_t body =
+            size_t{r.head.functionLen} + r.head.programLen + r.head.tagLen + r.head.contentLen;
         if (bytes.size() - pos - 32 < body) break;
         size_t at = pos + 32;
         r.function = bytes.substr(at, r.head.functionLen);

@@ -18,7 +18,7 @@ namespace zmtest {
 // A fresh installation: <root>/home/conf and <root>/data; the log directory
 // is <root>/data/log. Removed with everything in it at destruction.
 class TempInstall {
-public:
+  public:
     TempInstall();
     ~TempInstall();
     TempInstall(const TempInstall&) = delete;
@@ -37,7 +37,7 @@ public:
     // The same in this process (restored at destruction).
     void ExportEnv();
 
-private:
+  private:
     std::string root_;
     bool exported_ = false;
 };
@@ -52,11 +52,12 @@ struct ProcessResult {
 
 // A running helper program; stdout and stderr are captured.
 class Child {
-public:
+  public:
     // Runs tests' helper `helper` with argv[0] = role and the given arguments;
     // env entries ("NAME=value") are added to (or replace) this environment.
+    // cwd, when given, is the child's working directory.
     Child(const std::string& helper, const std::string& role, const std::vector<std::string>& args,
-          const std::vector<std::string>& env = {});
+          const std::vector<std::string>& env = {}, const std::string& cwd = "");
     ~Child();
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
@@ -69,7 +70,7 @@ public:
     bool WaitForOutput(const std::string& text, std::chrono::milliseconds timeout);
     const std::string& OutSoFar() const { return out_; }
 
-private:
+  private:
     void Pump(int timeoutMs);
     pid_t pid_ = -1;
     int outFd_ = -1;
@@ -83,7 +84,8 @@ private:
 ProcessResult RunHelper(const std::string& helper, const std::string& role,
                         const std::vector<std::string>& args,
                         const std::vector<std::string>& env = {},
-                        std::chrono::milliseconds timeout = std::chrono::seconds(30));
+                        std::chrono::milliseconds timeout = std::chrono::seconds(30),
+                        const std::string& cwd = "");
 
 std::string HelperPath(const std::string& helper);
 
@@ -122,13 +124,13 @@ std::string CaptureFd(int fd, const std::function<void()>& fn);
 // Serialises tests that use "ZMLOG", "/WriteLOG" and "/ReadLOG" across
 // processes (an flock), and removes leftovers of those names on entry and exit.
 class GlobalNamesLock {
-public:
+  public:
     GlobalNamesLock();
     ~GlobalNamesLock();
     GlobalNamesLock(const GlobalNamesLock&) = delete;
     GlobalNamesLock& operator=(const GlobalNamesLock&) = delete;
 
-private:
+  private:
     int fd_ = -1;
 };
 void RemoveGlobalNames();

@@ -1,0 +1,232 @@
+// Process roles with real processes, each in its own installation: what a
+// process becomes at load, the runtime's start and release, live changes of
+// the level, and a clean unload.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "log/ZMRuntimeLog.h"
+#include "support/TestSupport.h"
+
+using namespace std::chrono_literals;
+using zmtest::Child;
+
+namespace {
+
+constexpr const char* kHelper = "RoleProbe";
+
+class Lifecycle : public ::testing::Test {
+  protected:
+    void WithConfig(const std::string& extra = "") {
+        install.WriteConfig("[log]\nlogActive=true\nlogLevel=trace\n" + extra);
+    }
+    std::string Flag() const { return install.Root() + "/release"; }
+    void Release(Child& runtime) {
+        zmtest::WriteFile(Flag(), "");
+        ASSERT_TRUE(runtime.WaitForOutput("released", 10s)) << runtime.OutSoFar();
+    }
+    std::map<std::string, std::string> Probe(const std::string& role) {
+        auto r = zmtest::RunHelper(kHelper, role, {"probe"}, install.Env());
+        std::map<std::string, std::string> facts;
+        size_t pos = 0;
+        const std::string line = r.out.substr(0, r.out.find('\n'));
+        while (pos < line.size()) {
+            size_t end = line.find(' ', pos);
+            if (end == std::string::npos) end = line.size();
+            const std::string item = line.substr(pos, end - pos);
+            facts[item.substr(0, item.find('='))] = item.substr(item.find('=') + 1);
+            pos = end + 1;
+        }
+        return facts;
+    }
+
+    zmtest::GlobalNamesLock names;
+    zmtest::TempInstall install;
+};
+
+}  // namespace
+
+TEST_F(Lifecycle, RuntimeWaitsForStartRuntimeLog) {
+    WithConfig();
+    auto facts = Probe("ZMRuntime");
+    EXPECT_EQ(facts["up"], "1") << "the configuration file is looked at only by StartRuntimeLog";
+    EXPECT_EQ(facts["ring"], "0");
+    EXPECT_EQ(facts["threads"], "RoleProbe");  // the main thread alone
+    EXPECT_FALSE(zmtest::Exists("/dev/shm/ZMLOG"));
+}
+
+TEST_F(Lifecycle, ProcessWithoutInstallationRunsItsOwnArchiver) {
+    auto facts = Probe("SomeTool");
+    EXPECT_EQ(facts["up"], "1");
+    EXPECT_EQ(facts["ring"], "1");
+    EXPECT_NE(facts["threads"].find("ShmReadToBinary"), std::string::npos) << facts["threads"];
+    EXPECT_EQ(facts["threads"].find("MonitorConfi"), std::string::npos);
+    EXPECT_FALSE(zmtest::Exists("/dev/shm/ZMLOG"));
+}
+
+TEST_F(Lifecycle, ProcessWithInstallationBecomesAWriterWithoutThreads) {
+    WithConfig();
+    auto facts = Probe("CellEmulation");
+    EXPECT_EQ(facts["up"], "0");
+    EXPECT_EQ(facts["ring"], "0");  // no runtime yet: silent
+    EXPECT_EQ(facts["threads"], "RoleProbe");
+}
+
+// A runtime that crashed leaves its semaphores and segment behind; the next
+// one replaces them. Three writers then log at once (one loaded before the
+// runtime, attaching later) and every record reaches RUNTIME.data in order,
+// closed by the runtime's release notice.
+TEST_F(Lifecycle, EndToEndThroughTheRuntime) {
+    WithConfig();
+    const int kCount = 2000;
+    Child late(kHelper, "BusBridge", {"late", Flag() + ".go", std::to_string(kCount)},
+               install.Env());
+    ASSERT_TRUE(late.WaitForOutput("silent", 10s));
+    {
+        Child crashed(kHelper, "ZMRuntime", {"runtime", Flag() + ".never"}, install.Env());
+        ASSERT_TRUE(crashed.WaitForOutput("started", 10s));
+        Child holder("TransportWriter", "CellEmulation", {"hold"}, install.Env());
+        ASSERT_TRUE(holder.WaitForOutput("locked", 10s));
+        crashed.Signal(SIGKILL);
+        holder.Signal(SIGKILL);
+    }
+    ASSERT_TRUE(zmtest::Exists("/dev/shm/ZMLOG"));
+    Child runtime(kHelper, "ZMRuntime", {"runtime", Flag()}, install.Env());
+    ASSERT_TRUE(runtime.WaitForOutput("started", 10s));
+    EXPECT_EQ(PF::Utils::LOG::GetWriteSemStatus(), -1);  // not opened in this process
+
+    Child a(kHelper, "CellEmulation", {"write", std::to_string(kCount)}, install.Env());
+    Child b(kHelper, "EngineEmulation", {"write", std::to_string(kCount)}, install.Env());
+    zmtest::WriteFile(Flag() + ".go", "");
+    for (Child* w : {&a, &b, &late}) {
+        auto r = w->Wait(30s);
+        EXPECT_EQ(r.exitCode, 0);
+        EXPECT_NE(r.out.find("done"), std::string::npos) << r.out;
+    }
+    EXPECT_NE(late.OutSoFar().find("attached"), std::string::npos);
+    Release(runtime);
+    EXPECT_NE(runtime.OutSoFar().find("released 1 0"), std::string::npos) << runtime.OutSoFar();
+    EXPECT_EQ(runtime.Wait().exitCode, 0);
+    EXPECT_FALSE(zmtest::Exists("/dev/shm/ZMLOG"));
+    EXPECT_FALSE(zmtest::Exists("/dev/shm/sem.WriteLOG"));
+
+    const auto records =
+        zmtest::WalkRecords(zmtest::Unscramble(zmtest::ReadFile(install.DataFile())));
+    ASSERT_FALSE(records.empty());
+    std::map<std::string, int> next;
+    for (size_t i = 0; i + 1 < records.size(); ++i) {
+        const auto& r = records[i];
+        ASSERT_EQ(r.content, r.program + "-" + std::to_string(next[r.program])) << i;
+        ++next[r.program];
+    }
+    EXPECT_EQ(next["CellEmulation"], kCount);
+    EXPECT_EQ(next["EngineEmulation"], kCount);
+    EXPECT_EQ(next["BusBridge"], kCount);
+    const auto& notice = records.back();
+    EXPECT_EQ(notice.program, "ZMRuntime");
+    EXPECT_EQ(notice.function, "CloseReadThreadAndResource");
+    EXPECT_EQ(notice.tag, "RingHead Deconstruction");
+    EXPECT_EQ(notice.content, " RingHead Set Nullptr");
+    EXPECT_EQ(notice.head.flags, 2);
+}
+
+TEST_F(Lifecycle, LevelSetByOneWriterIsSeenByAnother) {
+    WithConfig();
+    Child runtime(kHelper, "ZMRuntime", {"runtime", Flag()}, install.Env());
+    ASSERT_TRUE(runtime.WaitForOutput("started", 10s));
+    Child watcher(kHelper, "CellEmulation", {"wait-level", "3"}, install.Env());
+    ASSERT_TRUE(watcher.WaitForOutput("waiting", 10s));
+    EXPECT_NE(
+        zmtest::RunHelper(kHelper, "BusBridge", {"setlevel", "3"}, install.Env()).out.find("set"),
+        std::string::npos);
+    EXPECT_NE(watcher.Wait(10s).out.find("level 3"), std::string::npos);
+    Release(runtime);
+}
+
+// Edits of the configuration file reach every writer through the shared
+// header, also after the file was replaced by rename.
+TEST_F(Lifecycle, ConfigurationEditsReachTheSharedHeader) {
+    WithConfig();
+    Child runtime(kHelper, "ZMRuntime", {"runtime", Flag()}, install.Env());
+    ASSERT_TRUE(runtime.WaitForOutput("started", 10s));
+
+    Child error(kHelper, "CellEmulation", {"wait-level", "4"}, install.Env());
+    ASSERT_TRUE(error.WaitForOutput("waiting", 10s));
+    {
+        std::ofstream cfg(install.ConfPath(), std::ios::app);
+        cfg << "logLevel=error\n";
+    }
+    EXPECT_NE(error.Wait(10s).out.find("level 4"), std::string::npos);
+
+    const std::string replacement = install.ConfPath() + ".new";
+    zmtest::WriteFile(replacement, "[log]\nlogLevel=warn\n");
+    Child warn(kHelper, "CellEmulation", {"wait-level", "3"}, install.Env());
+    ASSERT_TRUE(warn.WaitForOutput("waiting", 10s));
+    ASSERT_EQ(rename(replacement.c_str(), install.ConfPath().c_str()), 0);
+    EXPECT_NE(warn.Wait(10s).out.find("level 3"), std::string::npos);
+
+    // The new file is still watched after the rename.
+    Child fatal(kHelper, "CellEmulation", {"wait-level", "5"}, install.Env());
+    ASSERT_TRUE(fatal.WaitForOutput("waiting", 10s));
+    {
+        std::ofstream cfg(install.ConfPath(), std::ios::app);
+        cfg << "logLevel=fatal\n";
+    }
+    EXPECT_NE(fatal.Wait(10s).out.find("level 5"), std::string::npos);
+    Release(runtime);
+}
+
+TEST_F(Lifecycle, BindingTheArchiverToAMissingCpuIsReported) {
+    auto r = zmtest::RunHelper(kHelper, "SomeTool", {"bind", "2000"}, install.Env());
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.err, "pthread_setaffinity_np error\n");
+}
+
+// A process without an installation that simply returns from main: its
+// "<program>.log" ends with the release notice, formatted while every table
+// of the library is still alive.
+TEST_F(Lifecycle, PrivateLogEndsWithTheReleaseNotice) {
+    // Without an installation the archive directory is the working directory.
+    auto r =
+        zmtest::RunHelper(kHelper, "SomeTool", {"up-log", "3"}, install.Env(), 30s, install.Root());
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const std::string log = zmtest::ReadFile(install.Root() + "/SomeTool.log");
+    ASSERT_FALSE(log.empty());
+    EXPECT_NE(log.find("|INFO|main|seqSomeTool-2\n"), std::string::npos) << log;
+    const std::string last = log.substr(log.rfind('\n', log.size() - 2) + 1);
+    EXPECT_NE(last.find("|INFO|CloseReadThreadAndResource|RingHead Deconstruction RingHead Set "
+                        "Nullptr\n"),
+              std::string::npos)
+        << last;
+}
+
+TEST_F(Lifecycle, UnloadLeavesNoThreadBehind) {
+    // Without an installation (archiver thread) and as a writer of a runtime.
+    for (bool writer : {false, true}) {
+        std::unique_ptr<Child> runtime;
+        if (writer) {
+            WithConfig();
+            runtime = std::make_unique<Child>(
+                kHelper, "ZMRuntime", std::vector<std::string>{"runtime", Flag()}, install.Env());
+            ASSERT_TRUE(runtime->WaitForOutput("started", 10s));
+        }
+        auto r =
+            zmtest::RunHelper("DlopenProbe", "DlopenProbe", {ZMLOG_LIBRARY_FILE}, install.Env());
+        EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+        if (!writer) {
+            EXPECT_NE(r.out.find("loaded threads=DlopenProbe,ShmReadToBinary"), std::string::npos);
+        }
+        // Two rounds of load and unload, each ending with the main thread alone.
+        const std::string alone = "unloaded threads=DlopenProbe\n";
+        const size_t first = r.out.find(alone);
+        ASSERT_NE(first, std::string::npos) << r.out;
+        EXPECT_NE(r.out.find(alone, first + 1), std::string::npos) << r.out;
+        if (runtime) Release(*runtime);
+    }
+}
