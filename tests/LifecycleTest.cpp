@@ -206,6 +206,19 @@ TEST_F(Lifecycle, PrivateLogEndsWithTheReleaseNotice) {
         << last;
 }
 
+// The same exit under valgrind: no invalid access and nothing definitely lost.
+TEST_F(Lifecycle, PrivateLogExitIsCleanUnderValgrind) {
+    if (!zmtest::Exists("/usr/bin/valgrind")) GTEST_SKIP() << "valgrind not installed";
+    auto r = zmtest::RunHelper(
+        "/usr/bin/valgrind", "/usr/bin/valgrind",
+        {"--error-exitcode=99", "--leak-check=full", "--errors-for-leak-kinds=definite", "-q",
+         zmtest::HelperPath(kHelper), "up-log", "3"},
+        install.Env(), 60s, install.Root());
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    const std::string log = zmtest::ReadFile(install.Root() + "/RoleProbe.log");
+    EXPECT_NE(log.find("RingHead Deconstruction RingHead Set Nullptr\n"), std::string::npos) << log;
+}
+
 TEST_F(Lifecycle, UnloadLeavesNoThreadBehind) {
     // Without an installation (archiver thread) and as a writer of a runtime.
     for (bool writer : {false, true}) {

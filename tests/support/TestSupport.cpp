@@ -55,6 +55,7 @@ void TempInstall::ExportEnv() {
 }
 
 std::string HelperPath(const std::string& helper) {
+    if (!helper.empty() && helper[0] == '/') return helper;  // any program, by absolute path
     return std::string(ZMLOG_HELPER_DIR) + "/" + helper;
 }
 

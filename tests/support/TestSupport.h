@@ -53,7 +53,7 @@ struct ProcessResult {
 // A running helper program; stdout and stderr are captured.
 class Child {
   public:
-    // Runs tests' helper `helper` with argv[0] = role and the given arguments;
+    // Runs tests' helper `helper` (or a program given by absolute path) with argv[0] = role and the given arguments;
     // env entries ("NAME=value") are added to (or replace) this environment.
     // cwd, when given, is the child's working directory.
     Child(const std::string& helper, const std::string& role, const std::vector<std::string>& args,

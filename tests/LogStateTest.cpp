@@ -1,0 +1,95 @@
+// The log state table: switching logging and the USB medium restarts the
+// archiver and sets the shared header's switch.
+#include <dirent.h>
+
+#include <fstream>
+#include <string>
+
+#include "archive/ShmArchiver.h"
+#include "lifecycle/LogStateManager.h"
+#include "support/RingFixture.h"
+
+using namespace PF::Utils::LOG;
+
+namespace {
+
+bool ArchiverRunning() {
+    DIR* dir = opendir("/proc/self/task");
+    bool found = false;
+    while (dirent* e = readdir(dir)) {
+        std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
+        std::string name;
+        std::getline(comm, name);
+        found = found || name == "ShmReadToBinary";
+    }
+    closedir(dir);
+    return found;
+}
+
+class LogStateTest : public zmtest::SharedRingTest {
+  protected:
+    void SetUp() override {
+        SharedRingTest::SetUp();
+        install.ExportEnv();
+        LogStateManager::sInstance.reset();  // built afresh from the header
+    }
+    void TearDown() override {
+        ShmArchiver::GetInstancePtr()->StopThread();
+        LogStateManager::sInstance.reset();
+        SharedRingTest::TearDown();
+    }
+};
+
+}  // namespace
+
+TEST_F(LogStateTest, SwitchingLoggingOffAndOn) {
+    auto& state = LogStateManager::GetInstance();
+    EXPECT_EQ(state->active, 1U);  // copied from the header
+
+    SetLogActive(1);  // unchanged: no restart
+    EXPECT_FALSE(ArchiverRunning());
+
+    SetLogActive(0);
+    EXPECT_EQ(ring->LoadActive(), 0U);
+    EXPECT_FALSE(ArchiverRunning());
+
+    SetLogActive(1);
+    EXPECT_EQ(ring->LoadActive(), 1U);
+    EXPECT_TRUE(ArchiverRunning());
+    EXPECT_EQ(ShmArchiver::GetInstancePtr()->GetBaseLogDir(), install.LogDir());
+}
+
+TEST_F(LogStateTest, UsbMediumRestartsAndStops) {
+    auto& state = LogStateManager::GetInstance();
+    SetUSBDeviceState(false);  // already false: nothing happens
+    EXPECT_FALSE(ArchiverRunning());
+    EXPECT_EQ(ring->LoadActive(), 1U);
+
+    SetUSBDeviceState(true);
+    EXPECT_TRUE(state->usb);
+    EXPECT_TRUE(ArchiverRunning());
+    EXPECT_EQ(state->active, 1U);
+
+    // Unplugging stops logging and does not restart it.
+    SetUSBDeviceState(false);
+    EXPECT_FALSE(ArchiverRunning());
+    EXPECT_EQ(ring->LoadActive(), 0U);
+    EXPECT_EQ(state->active, 0U);
+
+    state->ResetState();
+    EXPECT_TRUE(state->reset);
+}
+
+TEST_F(LogStateTest, WithoutARingOnlyTheStateChanges) {
+    RingHead::instance = nullptr;
+    auto& state = LogStateManager::GetInstance();
+    EXPECT_EQ(state->active, 0U);
+    SetLogActive(1);
+    EXPECT_EQ(state->active, 1U);
+    EXPECT_FALSE(StopLog());
+    EXPECT_FALSE(StartLog(install.LogDir()));
+    EXPECT_FALSE(ArchiverRunning());
+    SetLogLevel(5);
+    RingHead::instance = ring;
+    EXPECT_EQ(ring->LoadLevel(), 0U);
+}
