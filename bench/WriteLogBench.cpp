@@ -8,35 +8,14 @@
 #include <string>
 #include <vector>
 
+#include "BenchRole.h"
 #include "log/ZMRuntimeLog.h"
-#include "transport/SHMManager.h"
-#include "transport/SemManager.h"
 
 using namespace PF::Utils::LOG;
 
 namespace {
 
-struct OwnRing {
-    OwnRing() {
-        shm_unlink("ZMLOG");
-        ConfManager::outputMode = false;
-        SemManager::Create();
-        SHMManager::CreateSHM(kSegmentSize);
-        RingHead::Init(SHMManager::shmInfo.address, static_cast<int>(kSegmentSize),
-                       RingHead::instance);
-        RingHead::instance->SetActive(1);
-        RingHead::instance->SetLevel(0);
-        drain.resize(RingHead::instance->capacity);
-    }
-    ~OwnRing() {
-        RingHead::instance = nullptr;
-        SemManager::Destory();
-        SHMManager::DestroySHM();
-        SHMManager::DeleteSHM();
-    }
-    void Drain() { RingHead::instance->Dequeue(drain.data(), static_cast<unsigned>(drain.size())); }
-    std::vector<char> drain;
-};
+using zmbench::OwnRing;
 
 constexpr int kBatch = 20000;  // ~1.6 MB of records: far from full
 
@@ -70,3 +49,5 @@ void BM_WriteLogInt(benchmark::State& state) {
 BENCHMARK(BM_WriteLogInt);
 
 }  // namespace
+
+ZMBENCH_MAIN()

@@ -1,4 +1,5 @@
 // The binary record as WriteLog lays it into the ring.
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -103,4 +104,20 @@ TEST(Writer, RingFullNoticeRecord) {
     EXPECT_GE(h.timeUs, before);
     EXPECT_EQ(std::string(record.begin() + 32, record.end()),
               "GenerateEmptyLog" + program + "ring buffer is full, call empty function");
+}
+
+// A child forked after its parent logged reports its own thread id.
+TEST_F(WriterTest, ForkedChildHasItsOwnThreadId) {
+    WriteLog<const char*>("t", "parent", kInfo, "f", 0, 0, 0, std::string());
+    const pid_t child = fork();
+    if (child == 0) {
+        WriteLog<const char*>("t", "child", kInfo, "f", 0, 0, 0, std::string());
+        _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    waitpid(child, nullptr, 0);
+    auto records = zmtest::WalkRecords(Drain());
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(records[0].head.threadId, static_cast<unsigned>(gettid()));
+    EXPECT_EQ(records[1].head.threadId, static_cast<unsigned>(child));
 }
