@@ -5,6 +5,7 @@
 #include <mutex>
 #include <new>
 
+#include "log/ConfManager.h"
 #include "log/Control.h"
 #include "transport/MEMManager.h"
 #include "transport/SemManager.h"
@@ -119,13 +120,13 @@ void RingHead::CopyIn(unsigned head, const void* data, unsigned len) {
 }
 
 void RingHead::Publish(unsigned head, unsigned len) {
-    FullFence();
+    // The copy is ordered before the publication by the release store, and
+    // the reservation (a locked compare-and-swap) and the lock's own atomic
+    // operations order everything else: no further fence is needed here.
     // A producer that lost the race publishes nothing rather than waiting;
     // the ring then stays invalid until ResetShm repairs it.
     if (Load(prodTail) != head) return;
-    Store(prodTail, head + len);
-    FullFence();
-    FullFence();
+    __atomic_store_n(&prodTail, head + len, __ATOMIC_RELEASE);
 }
 
 void RingHead::EnqueueImp(void* data, unsigned len) {
@@ -142,7 +143,7 @@ void RingHead::EnqueueImp(void* data, unsigned len) {
 // being released: a host thread may still log while the library unloads.
 unsigned RingHead::Enqueue(void* data, unsigned len) {
     if (len == 0) return 0;
-    if (IsUPEnvironment()) {
+    if (ConfManager::outputMode) {  // UP environment: the process mutex is the lock
         std::lock_guard<std::mutex> lock(MEMManager::mMutex);
         if (this == sRetired || len > Load(mask)) return 0;
         EnqueueImp(data, len);
