@@ -100,6 +100,7 @@ unsigned int TextLength(const T& content) noexcept {
 template <class T>
 void WriteLogNoBinary(const char* tag, const T& content, unsigned char level, const char* function,
                       unsigned int length, unsigned int binary, unsigned long component,
+                      // cppcheck-suppress passedByValue ; exported signature
                       std::string program) {
     (void)component;
     (void)program;
@@ -142,6 +143,7 @@ void WriteLogNoBinary(const char* tag, const T& content, unsigned char level, co
 template <class T>
 void WriteLog(const char* tag, const T& content, unsigned char level, const char* function,
               unsigned int length, unsigned int binary, unsigned long component,
+              // cppcheck-suppress passedByValue ; exported signature
               std::string program) {
     if (binary == 1 && length == 0) return;
     if (ConfManager::outputMode) {
@@ -171,6 +173,7 @@ void WriteLog(const char* tag, const T& content, unsigned char level, const char
     const std::uint32_t total = 32U + functionLen + programLen + tagLen + length;
     if (total > kMaxRecordLength) return;
 
+    // cppcheck-suppress allocaCalled ; the record lives on the stack by design
     auto* record = static_cast<char*>(alloca(total));
     LogHead head;
     head.flags = static_cast<std::uint16_t>((binary << 3) | level);

@@ -7,6 +7,7 @@
 
 namespace PF::Utils::LOG {
 
+// cppcheck-suppress passedByValue ; exported signature
 bool StartLog(std::string logDir) {
     std::shared_ptr<ShmArchiver> archiver = ShmArchiver::GetInstancePtr();
     RingHead* ring = RingHead::instance;

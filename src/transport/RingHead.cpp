@@ -58,7 +58,7 @@ bool RingHead::Init(void* base, int size, RingHead*& out) {
     if (static_cast<unsigned long>(static_cast<long>(size)) < kHeaderSize) return false;
     if (sRetired == base) sRetired = nullptr;
     std::memset(static_cast<char*>(base) + 8, 0, kHeaderSize - 8);
-    auto* head = ::new (base) RingHead();
+    auto* head = ::new (base) RingHead();  // cppcheck-suppress legacyUninitvar
     head->capacity = static_cast<unsigned>(size) - kHeaderSize;
     head->mask = static_cast<unsigned>(size) - kHeaderSize - 1;
     out = head;
