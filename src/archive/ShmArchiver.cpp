@@ -1,0 +1,253 @@
+#include "archive/ShmArchiver.h"
+
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <ctime>
+#include <mutex>
+
+#include "archive/Encrypt.h"
+#include "archive/LogFileHelpers.h"
+#include "archive/ThreadManager.h"
+#include "common/Immortal.h"
+#include "lifecycle/LogStateManager.h"
+#include "log/ConfManager.h"
+#include "log/Control.h"
+#include "log/RingHead.h"
+#include "log/RollFile.h"
+#include "transport/SHMManager.h"
+
+namespace PF::Utils::LOG {
+
+namespace {
+
+using ArchiverPtr = std::shared_ptr<ShmArchiver>;
+ZMLOG_IMMORTAL detail::Immortal<ArchiverPtr> gArchiverHolder;
+
+// init() may rewrite the output path and SetBaseLogDir the directory while
+// the thread reads them; the lock only keeps the strings intact.
+std::mutex gPathMutex;
+
+void Report(const char* message) {
+    std::fputs(message, stderr);
+    std::fputc('\n', stderr);
+    std::fflush(stderr);
+}
+
+void SleepOneTick() {
+    timespec rest{0, 100000000};
+    while (nanosleep(&rest, &rest) != 0 && errno == EINTR) {
+    }
+}
+
+// Size of path; false when it does not exist (or cannot be queried).
+bool StatSize(const std::string& path, unsigned long& size) {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return false;
+    size = static_cast<unsigned long>(st.st_size);
+    return true;
+}
+
+// strtol of a configuration value; a missing key is added empty.
+long ConfigNumber(const char* key) {
+    return std::strtol(ConfManager::mp[key].c_str(), nullptr, 10);
+}
+
+}  // namespace
+
+ArchiverPtr& ShmArchiver::sShmArch = ZMLOG_IMMORTAL_OBJECT(ArchiverPtr, gArchiverHolder);
+
+ShmArchiver::~ShmArchiver() {
+    StopThread();
+    SHMManager::DestroySHM();
+    CloseFile(file_);
+    delete[] readBuffer_;
+    readBuffer_ = nullptr;
+    if (sShmArch.get() == this) sShmArch.reset();
+}
+
+ArchiverPtr& ShmArchiver::GetInstancePtr() {
+    if (!sShmArch) sShmArch = std::make_shared<ShmArchiver>();
+    return sShmArch;
+}
+
+void ShmArchiver::SetBaseLogDir(const std::string& dir) {
+    std::lock_guard<std::mutex> lock(gPathMutex);
+    baseLogDir_ = dir;
+}
+
+std::string ShmArchiver::GetBaseLogDir() {
+    std::lock_guard<std::mutex> lock(gPathMutex);
+    return baseLogDir_;
+}
+
+std::string ShmArchiver::OutputPath() {
+    std::lock_guard<std::mutex> lock(gPathMutex);
+    return filePath_;
+}
+
+bool ShmArchiver::init() {
+    programName_ = program_invocation_short_name;
+
+    const long interval = ConfigNumber("readerInterval");
+    readerInterval_ = interval == 0 ? 200 : static_cast<int>(interval);
+
+    std::string dir = GetBaseLogDir();
+    if (dir.empty()) {
+        dir = ".";
+        SetBaseLogDir(dir);
+    }
+    CheckAndCreateDirectory(dir);
+    {
+        std::lock_guard<std::mutex> lock(gPathMutex);
+        filePath_ = IsUPEnvironment() ? dir + "/" + programName_ + ".log" : dir + "/RUNTIME.data";
+    }
+
+    long maxRoll = ConfigNumber("maxFileRollNumber");
+    if (maxRoll <= 0) maxRoll = 10;
+    // Left to us: a count beyond int is as good as unbounded.
+    maxRollNumber_ = maxRoll > INT_MAX ? INT_MAX : static_cast<int>(maxRoll);
+
+    // Not closed: while stopped no file is open.
+    if (!running_.load()) file_ = nullptr;
+    return true;
+}
+
+void ShmArchiver::StartThread() {
+    if (running_.load()) return;
+    readBuffer_ = new char[READ_BUFFER_LENGTH];
+    running_.store(true);
+    thread_ = std::thread(&ShmArchiver::WriteBinaryFile, this);
+    if (bindCpu_ != -1) ThreadManager::SetThreadAffinity(thread_, bindCpu_);
+    pthread_setname_np(thread_.native_handle(), "ShmReadToBinary");
+}
+
+void ShmArchiver::StopThread() {
+    if (!running_.load()) return;
+    running_.store(false);
+    if (thread_.joinable()) thread_.join();
+    CloseFile(file_);
+    delete[] readBuffer_;
+    readBuffer_ = nullptr;
+}
+
+void ShmArchiver::SetBindCpuNum(int cpu) {
+    // Whatever the value: -1 on a running thread reports the affinity error.
+    if (running_.load()) ThreadManager::SetThreadAffinity(thread_, cpu);
+    bindCpu_ = cpu;
+}
+
+int ShmArchiver::ProbeRollIndex() {
+    const std::string path = OutputPath();
+    int found = kProbeLimit;
+    for (int i = 0; i < kProbeLimit; ++i) {
+        const std::string candidate = i == 0 ? path : path + "_" + std::to_string(i);
+        unsigned long ignored = 0;
+        if (!StatSize(candidate, ignored)) {
+            found = i == 0 ? 0 : i - 1;
+            break;
+        }
+    }
+    return found < maxRollNumber_ - 1 ? found : maxRollNumber_ - 1;
+}
+
+void ShmArchiver::WriteBlock(unsigned n) {
+    if (IsUPEnvironment()) {
+        std::fwrite(readBuffer_, n, 1, file_);
+        std::fflush(file_);
+    } else {
+        Encrypt::WriteBlockWithEntry(readBuffer_, static_cast<int>(n), file_);
+    }
+}
+
+void ShmArchiver::Roll(unsigned n, int& rollIndex, unsigned long& currentSize, int& tick) {
+    const std::string path = OutputPath();
+    CloseFile(file_);
+    ++rollIndex;
+    for (int attemptsLeft = kRollAttempts; attemptsLeft > 0;) {
+        RollFile(path, rollIndex, maxRollNumber_);
+        file_ = std::fopen(path.c_str(), "ab");
+        if (!StatSize(path, currentSize)) {
+            currentSize = 0;
+            break;
+        }
+        if (currentSize == 0) break;
+        Report("Roll File Create New File Get file size not equal 0");
+        CloseFile(file_);
+        --attemptsLeft;
+    }
+    tick = 0;
+    if (file_ == nullptr) return;  // the block is dropped
+    WriteBlock(n);
+    currentSize += n;
+}
+
+bool ShmArchiver::HandleVanishedFile(unsigned long& currentSize, int& tick) {
+    CloseFile(file_);
+    if (GetBaseLogDir() == "/usb/log") {
+        // The USB medium was pulled: by design the thread ends itself instead
+        // of recreating the file, and leaves the running flag set.
+        LogStateManager::GetInstance()->ResetState();
+        return true;
+    }
+    const std::string path = OutputPath();
+    file_ = std::fopen(path.c_str(), "ab");
+    tick = 0;
+    if (!StatSize(path, currentSize)) {
+        currentSize = 0;
+    } else if (currentSize != 0) {
+        Report("new create file size not equal 0");
+        CloseFile(file_);
+    }
+    return false;
+}
+
+int ShmArchiver::WriteBinaryFile() {
+    if (readBuffer_ == nullptr) {
+        Report("Buffer Null");
+        return 0;
+    }
+    const std::string startPath = OutputPath();
+    file_ = std::fopen(startPath.c_str(), "ab");
+    if (file_ == nullptr) {
+        Report("file open fail");
+        return 1;
+    }
+    unsigned long currentSize = 0;
+    if (!StatSize(startPath, currentSize)) currentSize = 0;
+    int rollIndex = ProbeRollIndex();
+
+    int tick = 0;
+    while (running_.load()) {
+        SleepOneTick();
+        tick = (tick + 1) % kSyncPeriodTicks;
+        if (tick == 0 && file_ != nullptr) fdatasync(fileno(file_));
+
+        RingHead* ring = RingHead::instance;
+        if (ring == nullptr) continue;
+        const unsigned n = ring->Dequeue(readBuffer_, READ_BUFFER_LENGTH);
+        if (n == 0) continue;
+        if (n > READ_BUFFER_LENGTH) {
+            Report("Dequeue size greater READ_BUFFER_LENGTH");
+            continue;
+        }
+        if (currentSize + n > kFileSizeLimit) {
+            Roll(n, rollIndex, currentSize, tick);
+            continue;
+        }
+        unsigned long ignored = 0;
+        if (!StatSize(OutputPath(), ignored) && HandleVanishedFile(currentSize, tick)) return 0;
+        if (file_ == nullptr) continue;  // the block is dropped
+        WriteBlock(n);
+        // Counted even when the write failed.
+        currentSize += n;
+    }
+    CloseFile(file_);
+    return 0;
+}
+
+}  // namespace PF::Utils::LOG
