@@ -32,7 +32,7 @@ class Lifecycle : public ::testing::Test {
         ASSERT_TRUE(runtime.WaitForOutput("released", 10s)) << runtime.OutSoFar();
     }
     std::map<std::string, std::string> Probe(const std::string& role) {
-        auto r = zmtest::RunHelper(kHelper, role, {"probe"}, install.Env());
+        auto r = zmtest::RunHelper(kHelper, role, {"probe"}, install.Env(), 30s, install.Root());
         std::map<std::string, std::string> facts;
         size_t pos = 0;
         const std::string line = r.out.substr(0, r.out.find('\n'));
@@ -183,7 +183,8 @@ TEST_F(Lifecycle, ConfigurationEditsReachTheSharedHeader) {
 }
 
 TEST_F(Lifecycle, BindingTheArchiverToAMissingCpuIsReported) {
-    auto r = zmtest::RunHelper(kHelper, "SomeTool", {"bind", "2000"}, install.Env());
+    auto r = zmtest::RunHelper(kHelper, "SomeTool", {"bind", "2000"}, install.Env(), 30s,
+                               install.Root());
     EXPECT_EQ(r.exitCode, 0);
     EXPECT_EQ(r.err, "pthread_setaffinity_np error\n");
 }
@@ -230,7 +231,8 @@ TEST_F(Lifecycle, UnloadLeavesNoThreadBehind) {
             ASSERT_TRUE(runtime->WaitForOutput("started", 10s));
         }
         auto r =
-            zmtest::RunHelper("DlopenProbe", "DlopenProbe", {ZMLOG_LIBRARY_FILE}, install.Env());
+            zmtest::RunHelper("DlopenProbe", "DlopenProbe", {ZMLOG_LIBRARY_FILE}, install.Env(),
+                              30s, install.Root());
         EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
         if (!writer) {
             EXPECT_NE(r.out.find("loaded threads=DlopenProbe,ShmReadToBinary"), std::string::npos);
