@@ -1,1 +1,230 @@
+// Logging macros: the way application code writes records.
+//
+// Every macro first applies the writer's filters, reading the ring header
+// without a lock: a ring exists, logging is active, the header's level is at
+// most the record's level and, for the component variants, the component word
+// shares a bit with the header's component mask (component 0 always passes).
+// Only then are the other arguments evaluated and the record written, so a
+// filtered-out call costs a few loads and runs no argument expression except
+// the level and the component word. The function name stored is the caller's
+// (__func__). Decoded lines show the tag and the text joined without a
+// separator ("net" and " link up" give "net link up").
+//
+// Family (LEVEL is TRACE, DEBUG, INFO, WARN, ERROR, FATAL or RECORD):
+//   ZMLOG_LEVEL(tag, text)                  text
+//   ZMLOG_LEVEL_F(tag, fmt, ...)            printf-style text
+//   ZMLOG_LEVEL_C(component, tag, text)     text with a component word
+//   ZMLOG_LOG / ZMLOG_LOG_F / ZMLOG_LOG_C   the same with the level as argument
+//   ZMLOG_BINARY(level, tag, data, len)     raw bytes, shown as a hex dump
+//   ZMLOG_VALUE(level, tag, value)          one arithmetic value, rendered by
+//                                           the decoder
+// Text is a char array, const char*, std::string or std::string_view; it is
+// stored up to its first NUL. Levels for the generic forms are
+// PF::Utils::LOG::kTrace ... kRecord (0 to 6).
 #pragma once
+
+#include <alloca.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "log/LogHead.h"
+#include "log/RingHead.h"
+#include "log/WriteLog.h"
+
+namespace PF::Utils::LOG::detail {
+
+// The writer's filters, read without the lock: a stale value for one record
+// while a switch changes is harmless.
+inline bool LogEnabled(unsigned char level, unsigned long component) noexcept {
+    const RingHead* ring = RingHead::instance;
+    if (ring == nullptr || ring->LoadActive() != 1 || ring->LoadLevel() > level) return false;
+    return component == 0 || (ring->LoadComponentMask() & component) != 0;
+}
+
+// One overload per accepted text type keeps the instantiations few and
+// rejects non-text arguments at compile time.
+inline void WriteText(unsigned char level, unsigned long component, const char* tag,
+                      const char* function, const char* text) {
+    WriteLog<const char*>(tag, text, level, function, 0, 0, component, std::string());
+}
+inline void WriteText(unsigned char level, unsigned long component, const char* tag,
+                      const char* function, const std::string& text) {
+    WriteLog<std::string>(tag, text, level, function, 0, 0, component, std::string());
+}
+inline void WriteText(unsigned char level, unsigned long component, const char* tag,
+                      const char* function, std::string_view text) {
+    WriteLog<std::string_view>(tag, text, level, function, 0, 0, component, std::string());
+}
+
+// Bytes of text a record can still carry once header and names are counted;
+// the formatted text is cut there so that an over-long message keeps its
+// beginning instead of being dropped as a whole.
+inline std::size_t TextBudget(const char* tag, const char* function) noexcept {
+    const std::size_t used = sizeof(LogHead) + std::strlen(OrEmpty(tag)) +
+                             std::strlen(OrEmpty(function)) +
+                             std::strlen(program_invocation_short_name);
+    return used < kMaxRecordLength ? kMaxRecordLength - used : 0;
+}
+
+// Formats into a 512-byte stack buffer; a longer text is formatted a second
+// time into an alloca'd buffer of its exact size, capped to the record
+// limit. Never touches the heap.
+__attribute__((format(printf, 5, 6))) inline void WriteFormatted(unsigned char level,
+                                                                 unsigned long component,
+                                                                 const char* tag,
+                                                                 const char* function,
+                                                                 const char* fmt, ...) {
+    if (fmt == nullptr) return;
+    char small[512];
+    va_list args;
+    va_start(args, fmt);
+    va_list again;
+    va_copy(again, args);
+    const int needed = std::vsnprintf(small, sizeof small, fmt, args);
+    va_end(args);
+    const char* text = small;
+    if (needed >= static_cast<int>(sizeof small)) {
+        std::size_t size = static_cast<std::size_t>(needed) + 1;
+        const std::size_t budget = TextBudget(tag, function);
+        if (size > budget + 1) size = budget + 1;
+        auto* large = static_cast<char*>(alloca(size));
+        std::vsnprintf(large, size, fmt, again);
+        text = large;
+    }
+    va_end(again);
+    if (needed < 0) return;  // invalid conversion: nothing sensible to log
+    WriteText(level, component, tag, function, text);
+}
+
+inline void WriteBytes(unsigned char level, const char* tag, const char* function, const void* data,
+                       unsigned int length) {
+    WriteLog<const void*>(tag, data, level, function, length, 1, 0, std::string());
+}
+
+// By value: arithmetic values are small, and bit-fields are accepted too.
+template <class T>
+void WriteValue(unsigned char level, const char* tag, const char* function, T value) {
+    static_assert(std::is_arithmetic_v<T>, "ZMLOG_VALUE takes one arithmetic value");
+    WriteLog<T>(tag, value, level, function, sizeof(T), 0, 0, std::string());
+}
+
+}  // namespace PF::Utils::LOG::detail
+
+// Common shape: the level and component are evaluated once, for the filter
+// (they are the only arguments evaluated for a filtered-out call); body runs
+// only when the record passes. The branch is marked unlikely to keep the
+// filtered-out path short: a written record costs far more than a
+// mispredicted branch.
+#define ZMLOG_IF_ENABLED_(level, component, body)                                     \
+    do {                                                                              \
+        const unsigned char zmlogLevel_ = static_cast<unsigned char>(level);          \
+        if (__builtin_expect(::PF::Utils::LOG::detail::LogEnabled(                    \
+                                 zmlogLevel_, static_cast<unsigned long>(component)), \
+                             0)) {                                                    \
+            body;                                                                     \
+        }                                                                             \
+    } while (0)
+
+// Text at a given level.
+// Example: ZMLOG_LOG(PF::Utils::LOG::kWarn, "io", "input card missing");
+#define ZMLOG_LOG(level, tag, text) \
+    ZMLOG_IF_ENABLED_(              \
+        level, 0UL,                 \
+        ::PF::Utils::LOG::detail::WriteText(zmlogLevel_, 0UL, (tag), __func__, (text)))
+
+// printf-style text at a given level; the format is checked by the compiler.
+// Example: ZMLOG_LOG_F(PF::Utils::LOG::kInfo, "io", "card %d online", slot);
+#define ZMLOG_LOG_F(level, tag, ...) \
+    ZMLOG_IF_ENABLED_(               \
+        level, 0UL,                  \
+        ::PF::Utils::LOG::detail::WriteFormatted(zmlogLevel_, 0UL, (tag), __func__, __VA_ARGS__))
+
+// Text with a 64-bit component word: PF bits 0-15, RT 16-31, HC 32-47, HW 48-63.
+// It is written only when the word shares a bit with the configured mask;
+// the record keeps the word's low 32 bits.
+// Example: ZMLOG_LOG_C(PF::Utils::LOG::kDebug, 0x1UL << 16, "rt", "task switch");
+#define ZMLOG_LOG_C(level, component, tag, text)                                                   \
+    do {                                                                                           \
+        const unsigned long zmlogComponent_ = static_cast<unsigned long>(component);               \
+        ZMLOG_IF_ENABLED_(level, zmlogComponent_,                                                  \
+                          ::PF::Utils::LOG::detail::WriteText(zmlogLevel_, zmlogComponent_, (tag), \
+                                                              __func__, (text)));                  \
+    } while (0)
+
+// Raw bytes (any object pointer and a byte count), shown as a hex dump;
+// embedded NULs are kept. A length of 0 writes nothing.
+// Example: ZMLOG_BINARY(PF::Utils::LOG::kDebug, "rx", frame.data(), frame.size());
+#define ZMLOG_BINARY(level, tag, data, len)                                                \
+    ZMLOG_IF_ENABLED_(level, 0UL,                                                          \
+                      ::PF::Utils::LOG::detail::WriteBytes(zmlogLevel_, (tag), __func__,   \
+                                                           static_cast<const void*>(data), \
+                                                           static_cast<unsigned int>(len)))
+
+// One arithmetic value (bool, the char types, short, int, long, long long,
+// their unsigned forms except unsigned long long, float, double), stored as
+// its own bytes with its type code: nothing is formatted on the hot path.
+// Example: ZMLOG_VALUE(PF::Utils::LOG::kInfo, "cycleUs", cycleTime);
+#define ZMLOG_VALUE(level, tag, value) \
+    ZMLOG_IF_ENABLED_(level, 0UL,      \
+                      ::PF::Utils::LOG::detail::WriteValue(zmlogLevel_, (tag), __func__, (value)))
+
+// Per-level text. Examples:
+//   ZMLOG_TRACE("sched", "tick");
+//   ZMLOG_DEBUG("io", "inputs read");
+//   ZMLOG_INFO("net", "link up");
+//   ZMLOG_WARN("io", "input card missing");
+//   ZMLOG_ERROR("plc", "task overrun");
+//   ZMLOG_FATAL("plc", "watchdog expired");
+//   ZMLOG_RECORD("audit", "program downloaded");
+#define ZMLOG_TRACE(tag, text) ZMLOG_LOG(::PF::Utils::LOG::kTrace, tag, text)
+#define ZMLOG_DEBUG(tag, text) ZMLOG_LOG(::PF::Utils::LOG::kDebug, tag, text)
+#define ZMLOG_INFO(tag, text) ZMLOG_LOG(::PF::Utils::LOG::kInfo, tag, text)
+#define ZMLOG_WARN(tag, text) ZMLOG_LOG(::PF::Utils::LOG::kWarn, tag, text)
+#define ZMLOG_ERROR(tag, text) ZMLOG_LOG(::PF::Utils::LOG::kError, tag, text)
+#define ZMLOG_FATAL(tag, text) ZMLOG_LOG(::PF::Utils::LOG::kFatal, tag, text)
+#define ZMLOG_RECORD(tag, text) ZMLOG_LOG(::PF::Utils::LOG::kRecord, tag, text)
+
+// Per-level printf-style text. Examples:
+//   ZMLOG_TRACE_F("sched", "tick %lu", tick);
+//   ZMLOG_DEBUG_F("io", "%d inputs read", count);
+//   ZMLOG_INFO_F("net", "link %s up", name);
+//   ZMLOG_WARN_F("axis", "axis %d lag %.3f mm", axis, lag);
+//   ZMLOG_ERROR_F("plc", "task %s overran by %d us", task, late);
+//   ZMLOG_FATAL_F("plc", "watchdog expired after %d ms", ms);
+//   ZMLOG_RECORD_F("audit", "program %s downloaded by %s", program, user);
+#define ZMLOG_TRACE_F(tag, ...) ZMLOG_LOG_F(::PF::Utils::LOG::kTrace, tag, __VA_ARGS__)
+#define ZMLOG_DEBUG_F(tag, ...) ZMLOG_LOG_F(::PF::Utils::LOG::kDebug, tag, __VA_ARGS__)
+#define ZMLOG_INFO_F(tag, ...) ZMLOG_LOG_F(::PF::Utils::LOG::kInfo, tag, __VA_ARGS__)
+#define ZMLOG_WARN_F(tag, ...) ZMLOG_LOG_F(::PF::Utils::LOG::kWarn, tag, __VA_ARGS__)
+#define ZMLOG_ERROR_F(tag, ...) ZMLOG_LOG_F(::PF::Utils::LOG::kError, tag, __VA_ARGS__)
+#define ZMLOG_FATAL_F(tag, ...) ZMLOG_LOG_F(::PF::Utils::LOG::kFatal, tag, __VA_ARGS__)
+#define ZMLOG_RECORD_F(tag, ...) ZMLOG_LOG_F(::PF::Utils::LOG::kRecord, tag, __VA_ARGS__)
+
+// Per-level text with a component word. Examples:
+//   ZMLOG_TRACE_C(0x1UL, "pf", "scan start");
+//   ZMLOG_DEBUG_C(0x1UL << 16, "rt", "task switch");
+//   ZMLOG_INFO_C(0x2UL << 32, "hc", "station online");
+//   ZMLOG_WARN_C(0x2UL << 32, "hc", "station answered late");
+//   ZMLOG_ERROR_C(0x4UL << 48, "hw", "fan stalled");
+//   ZMLOG_FATAL_C(0x4UL << 48, "hw", "over-temperature");
+//   ZMLOG_RECORD_C(0x1UL, "pf", "configuration applied");
+#define ZMLOG_TRACE_C(component, tag, text) \
+    ZMLOG_LOG_C(::PF::Utils::LOG::kTrace, component, tag, text)
+#define ZMLOG_DEBUG_C(component, tag, text) \
+    ZMLOG_LOG_C(::PF::Utils::LOG::kDebug, component, tag, text)
+#define ZMLOG_INFO_C(component, tag, text) \
+    ZMLOG_LOG_C(::PF::Utils::LOG::kInfo, component, tag, text)
+#define ZMLOG_WARN_C(component, tag, text) \
+    ZMLOG_LOG_C(::PF::Utils::LOG::kWarn, component, tag, text)
+#define ZMLOG_ERROR_C(component, tag, text) \
+    ZMLOG_LOG_C(::PF::Utils::LOG::kError, component, tag, text)
+#define ZMLOG_FATAL_C(component, tag, text) \
+    ZMLOG_LOG_C(::PF::Utils::LOG::kFatal, component, tag, text)
+#define ZMLOG_RECORD_C(component, tag, text) \
+    ZMLOG_LOG_C(::PF::Utils::LOG::kRecord, component, tag, text)
