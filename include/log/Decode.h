@@ -58,7 +58,10 @@ std::string ContructLogLine(LogHead& head, char* buf, unsigned long& offset, std
 
 using LinesByProgram = std::map<std::string, std::vector<std::string>>;
 
+// Plausibility test of a header: its programLen equals the length of some
+// name in gValidProgram (the name itself is compared once the body is cut).
 bool ProgramNameCheck(LogHead& head);
+// Accepts the records of one more program from now on.
 void AddVaildProgram(const std::string& name);
 
 // Walks a buffer of records into lines per program, resynchronising byte by

@@ -1,0 +1,25 @@
+#include <string>
+
+#include "log/Decode.h"
+
+namespace PF::Utils::LOG {
+
+std::string ContructLogLine(LogHead& head, char* buf, unsigned long& offset, std::string& program) {
+    // No length checks here: the caller has made sure the body lies in buf.
+    std::string function(buf + offset, head.functionLen);
+    offset += head.functionLen;
+    program.assign(buf + offset, head.programLen);
+    offset += head.programLen;
+    std::string tag(buf + offset, head.tagLen);
+    offset += head.tagLen;
+    char* const content = buf + offset;
+    offset += head.contentLen;
+
+    // Unknown type: no line, but the program is set and the body skipped. Its
+    // content would not be shown, so it is not rendered either.
+    if (head.valueType > 13) return std::string();
+    std::string text = ParseLogContent(head.flags, head.valueType, content, head.contentLen);
+    return gParseLogFunction(head, function, tag, text);
+}
+
+}  // namespace PF::Utils::LOG
