@@ -93,6 +93,7 @@ __attribute__((format(printf, 5, 6))) inline void WriteFormatted(unsigned char l
         std::size_t size = static_cast<std::size_t>(needed) + 1;
         const std::size_t budget = TextBudget(tag, function);
         if (size > budget + 1) size = budget + 1;
+        // cppcheck-suppress allocaCalled ; never the heap on the binary path
         auto* large = static_cast<char*>(alloca(size));
         std::vsnprintf(large, size, fmt, again);
         text = large;

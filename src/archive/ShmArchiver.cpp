@@ -62,7 +62,7 @@ long ConfigNumber(const char* key) {
 ArchiverPtr& ShmArchiver::sShmArch = ZMLOG_IMMORTAL_OBJECT(ArchiverPtr, gArchiverHolder);
 
 ShmArchiver::~ShmArchiver() {
-    StopThread();
+    ShmArchiver::StopThread();  // a destructor binds statically anyway
     SHMManager::DestroySHM();
     CloseFile(file_);
     delete[] readBuffer_;

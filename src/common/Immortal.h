@@ -31,4 +31,5 @@ class Immortal {
 // The object inside an Immortal, for binding an exported reference. Written as
 // a plain cast so the reference is a link-time constant even without
 // optimisation: valid before any constructor of the library runs.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): T is a type
 #define ZMLOG_IMMORTAL_OBJECT(T, holder) (*reinterpret_cast<T*>(&(holder)))

@@ -96,7 +96,7 @@ bool ConfManager::ReadConfigFile(const std::string& path) {
     if (it != mp.end()) logActive = decimal(it->second);
     it = mp.find("logLevel");
     if (it != mp.end()) logLevel = decimal(it->second);
-    if (mp.find("PFMask") == mp.end()) mp["PFMask"] = "-1";
+    mp.try_emplace("PFMask", "-1");
     it = mp.find("OutputMode");
     if (it != mp.end()) {
         // Looked at and deliberately not acted on: the mode comes from whether
@@ -106,9 +106,9 @@ bool ConfManager::ReadConfigFile(const std::string& path) {
     it = mp.find("console");
     // Switched on only: a running process never turns the echo off again.
     if (it != mp.end() && it->second == "true") sConsole = true;
-    if (mp.find("RTMask") == mp.end()) mp["RTMask"] = "-1";
-    if (mp.find("HCMask") == mp.end()) mp["HCMask"] = "-1";
-    if (mp.find("HWMask") == mp.end()) mp["HWMask"] = "-1";
+    mp.try_emplace("RTMask", "-1");
+    mp.try_emplace("HCMask", "-1");
+    mp.try_emplace("HWMask", "-1");
 
     sPFMask = ParseMask(mp["PFMask"]);
     sRTMask = ParseMask(mp["RTMask"]);

@@ -54,6 +54,7 @@ void ConfManager::StopThread() {
     if (sReadTh.joinable()) sReadTh.join();
 }
 
+// cppcheck-suppress passedByValue ; the thread keeps its own copy of the path
 void ConfManager::ReadConfigCycle(std::string path) {
     const int fd = inotify_init();
     if (fd < 0) {

@@ -91,7 +91,7 @@ std::string FormatLine(LogHead& head, const std::string& function, const std::st
         *p++ = '|';
         p = Put(p, function);
         *p++ = '|';
-        p = Put(Put(p, tag), content);
+        Put(Put(p, tag), content);
         return line;
     }
 

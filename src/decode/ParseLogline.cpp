@@ -121,6 +121,7 @@ std::uint64_t ParseLogline(LogHead& head, char* buf, unsigned int len, LinesByPr
 
 std::pair<std::uint64_t, bool> ParseLogline(LogHead& head, char* buf, unsigned int len,
                                             bool headerPending, LinesByProgram& lines,
+                                            // cppcheck-suppress passedByValue ; exported signature
                                             std::string program) {
     if (len <= 32) return {0, headerPending};
 
