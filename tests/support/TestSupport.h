@@ -53,9 +53,9 @@ struct ProcessResult {
 // A running helper program; stdout and stderr are captured.
 class Child {
   public:
-    // Runs tests' helper `helper` (or a program given by absolute path) with argv[0] = role and the given arguments;
-    // env entries ("NAME=value") are added to (or replace) this environment.
-    // cwd, when given, is the child's working directory.
+    // Runs tests' helper `helper` (or a program given by absolute path) with argv[0] = role and the
+    // given arguments; env entries ("NAME=value") are added to (or replace) this environment. cwd,
+    // when given, is the child's working directory.
     Child(const std::string& helper, const std::string& role, const std::vector<std::string>& args,
           const std::vector<std::string>& env = {}, const std::string& cwd = "");
     ~Child();
