@@ -1,29 +1,19 @@
 // The log state table: switching logging and the USB medium restarts the
 // archiver and sets the shared header's switch.
-#include <dirent.h>
-
 #include <fstream>
 #include <string>
 
 #include "archive/ShmArchiver.h"
 #include "lifecycle/LogStateManager.h"
 #include "support/RingFixture.h"
+#include "support/ThreadNames.h"
 
 using namespace PF::Utils::LOG;
 
 namespace {
 
 bool ArchiverRunning() {
-    DIR* dir = opendir("/proc/self/task");
-    bool found = false;
-    while (dirent* e = readdir(dir)) {
-        std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
-        std::string name;
-        std::getline(comm, name);
-        found = found || name == "ShmReadToBinary";
-    }
-    closedir(dir);
-    return found;
+    return zmtest::ThreadNames().find("ShmReadToBinary") != std::string::npos;
 }
 
 class LogStateTest : public zmtest::SharedRingTest {

@@ -80,13 +80,6 @@ TEST_F(WriterTest, RecordLengthLimit) {
     EXPECT_EQ(records[0].content.size(), kMaxRecordLength - fixed);
 }
 
-TEST_F(WriterTest, NoRingNoRecord) {
-    RingHead::instance = nullptr;
-    WriteLog<const char*>("t", "lost", kInfo, "f", 0, 0, 0, std::string());
-    RingHead::instance = ring;
-    EXPECT_EQ(ring->Count(), 0U);
-}
-
 TEST(Writer, RingFullNoticeRecord) {
     const long long before = detail::NowUs();
     std::vector<char> record = GenerateEmptyLog();

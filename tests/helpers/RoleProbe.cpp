@@ -9,7 +9,6 @@
 //   wait-level <n>        waits (5 s) until the shared header's level is n
 //   up-log <n>            writes <n> records and returns from main
 //   bind <cpu>            BindCPUCore(cpu)
-#include <dirent.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -21,25 +20,11 @@
 #include <thread>
 
 #include "log/ZMRuntimeLog.h"
+#include "support/ThreadNames.h"
 
 using namespace PF::Utils::LOG;
 
 namespace {
-
-std::string ThreadNames() {
-    std::string names;
-    DIR* dir = opendir("/proc/self/task");
-    if (dir == nullptr) return names;
-    while (dirent* e = readdir(dir)) {
-        if (e->d_name[0] == '.') continue;
-        std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
-        std::string name;
-        std::getline(comm, name);
-        names += (names.empty() ? "" : ",") + name;
-    }
-    closedir(dir);
-    return names;
-}
 
 bool WaitFor(const std::function<bool()>& pred, int ms) {
     for (int waited = 0; waited < ms; waited += 5) {
@@ -72,8 +57,9 @@ int main(int argc, char** argv) {
     const std::string cmd = argv[1];
     const char* arg = argc > 2 ? argv[2] : "";
     if (cmd == "probe") {
-        Say("up=" + std::to_string(IsUPEnvironment()) + " ring=" +
-            std::to_string(RingHead::GetInstance() != nullptr) + " threads=" + ThreadNames());
+        Say("up=" + std::to_string(IsUPEnvironment()) +
+            " ring=" + std::to_string(RingHead::GetInstance() != nullptr) +
+            " threads=" + zmtest::ThreadNames());
     } else if (cmd == "runtime") {
         Say(StartRuntimeLog() ? "started" : "start failed");
         WaitFor([&] { return FileExists(arg); }, 60000);
