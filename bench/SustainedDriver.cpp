@@ -22,6 +22,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Enough rolled files to keep everything a run writes (60 s at 40 MB/s is
+// 2.4 GB), so what is missing was lost on the way, not rolled away.
+constexpr int kRollFiles = 400;
+
 std::string ReadAll(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
@@ -32,7 +36,7 @@ std::string ReadAll(const std::string& path) {
 // Records in the rolled set, oldest file first.
 long long CountRecords(const std::string& logDir) {
     long long records = 0;
-    for (int i = 20; i >= 0; --i) {
+    for (int i = kRollFiles; i >= 0; --i) {
         const std::string path = logDir + "/RUNTIME.data" + (i ? "_" + std::to_string(i) : "");
         std::string bytes = ReadAll(path);
         for (char& c : bytes) c = static_cast<char>(c ^ 0x80);
@@ -52,7 +56,7 @@ void RunAt(double mbPerSecond, double seconds) {
     const std::string root = mkdtemp(dirTemplate);
     fs::create_directories(root + "/home/conf");
     std::ofstream(root + "/home/conf/RUNTIMELOG.cfg")
-        << "[log]\nlogActive=true\nlogLevel=info\nmaxFileRollNumber=20\n";
+        << "[log]\nlogActive=true\nlogLevel=info\nmaxFileRollNumber=" << kRollFiles << "\n";
     setenv("ZM_VELDOR_HOME", (root + "/home").c_str(), 1);
     setenv("ZM_VELDOR_DATA", (root + "/data").c_str(), 1);
     StartRuntimeLog();

@@ -48,6 +48,32 @@ void BM_WriteLogInt(benchmark::State& state) {
 }
 BENCHMARK(BM_WriteLogInt);
 
+// A call below the level threshold: the macro's filter alone.
+void BM_FilteredOut(benchmark::State& state) {
+    OwnRing ring;
+    RingHead::instance->SetLevel(kInfo);
+    int evaluated = 0;
+    for (auto _ : state) {
+        ZMLOG_DEBUG("net", (++evaluated, "never written"));
+        benchmark::ClobberMemory();
+    }
+    if (evaluated != 0) state.SkipWithError("a filtered-out call evaluated its argument");
+}
+BENCHMARK(BM_FilteredOut);
+
+// The same event as the latency table: printf-style into the stack buffer.
+void BM_PrintfStyle(benchmark::State& state) {
+    OwnRing ring;
+    int link = 3;
+    while (state.KeepRunningBatch(kBatch)) {
+        for (int i = 0; i < kBatch; ++i) ZMLOG_INFO_F("net", "link %d up on %s", link, "eth0");
+        state.PauseTiming();
+        ring.Drain();
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_PrintfStyle);
+
 }  // namespace
 
 ZMBENCH_MAIN()

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 
@@ -120,6 +121,9 @@ bool ShmArchiver::init() {
 void ShmArchiver::StartThread() {
     if (running_.load()) return;
     readBuffer_ = new char[READ_BUFFER_LENGTH];
+    // Touched once here, so that no drain faults pages in while it holds the
+    // ring's lock (a writer waits at most 1 ms for it).
+    std::memset(readBuffer_, 0, READ_BUFFER_LENGTH);
     running_.store(true);
     thread_ = std::thread(&ShmArchiver::WriteBinaryFile, this);
     if (bindCpu_ != -1) ThreadManager::SetThreadAffinity(thread_, bindCpu_);
