@@ -10,17 +10,9 @@ root=$(pwd)
 quick=0
 [ "${1:-}" = "--quick" ] && quick=1
 
-need=()
-command -v cmake >/dev/null || need+=(cmake)
-command -v g++ >/dev/null || need+=(g++)
-[ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
-[ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
-[ -f /usr/include/spdlog/spdlog.h ] || need+=(libspdlog-dev)
-if [ ${#need[@]} -gt 0 ]; then
-  sudo=""; [ "$(id -u)" -ne 0 ] && sudo="sudo"
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${need[@]}"
-fi
+scripts/install-missing.sh cmake make g++ \
+  /usr/include/gtest/gtest.h=libgtest-dev /usr/include/benchmark/benchmark.h=libbenchmark-dev \
+  /usr/include/spdlog/spdlog.h=libspdlog-dev
 
 build=$root/build-bench
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DZMLOG_BUILD_BENCH=ON -DZMLOG_BUILD_TESTS=OFF >/dev/null

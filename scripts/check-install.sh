@@ -24,19 +24,7 @@ step() { printf '\n== %s\n' "$*"; }
 fail() { echo "check-install.sh: FAILED: $*" >&2; exit 1; }
 
 # Build tools, installed only when missing.
-missing=()
-command -v cmake >/dev/null || missing+=(cmake)
-command -v g++ >/dev/null || missing+=(g++)
-command -v make >/dev/null || missing+=(make)
-command -v pkg-config >/dev/null || missing+=(pkg-config)
-if ((${#missing[@]})); then
-    step "installing the missing build tools: ${missing[*]}"
-    SUDO=()
-    if [[ $(id -u) -ne 0 ]]; then SUDO=(sudo); fi
-    "${SUDO[@]}" apt-get update
-    "${SUDO[@]}" env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+"$REPO/scripts/install-missing.sh" cmake g++ make pkg-config
 
 WORK=$(mktemp -d /tmp/zmlog-check-install-XXXXXX)
 cleanup() {

@@ -62,18 +62,7 @@ trap cleanup EXIT
 trap 'exit 130' INT TERM HUP
 
 # --- build tools, installed only when missing -------------------------------
-missing=()
-command -v cmake >/dev/null || missing+=(cmake)
-command -v g++ >/dev/null || missing+=(g++)
-command -v make >/dev/null || missing+=(make)
-if ((${#missing[@]})); then
-    step "installing the missing build tools: ${missing[*]}"
-    SUDO=()
-    if [[ $(id -u) -ne 0 ]]; then SUDO=(sudo); fi
-    "${SUDO[@]}" apt-get update
-    "${SUDO[@]}" env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+"$REPO/scripts/install-missing.sh" cmake g++ make
 
 # --- build -------------------------------------------------------------------
 step "building the library, zmlog and the demo programs in $BUILD"

@@ -9,6 +9,10 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${FUZZ_BUILD_DIR:-$root/build-fuzz}"
 seconds="${FUZZ_SECONDS:-60}"
 
+"$root/scripts/install-missing.sh" cmake make clang
+# libFuzzer's runtime comes with clang's runtime libraries.
+compgen -G '/usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.fuzzer-x86_64.a' >/dev/null ||
+    "$root/scripts/install-missing.sh" /nonexistent=libclang-rt-dev
 CC=clang CXX=clang++ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DZMLOG_BUILD_FUZZ=ON -DZMLOG_BUILD_TESTS=OFF -DZMLOG_BUILD_BENCH=OFF
 cmake --build "$build" -j"${FUZZ_JOBS:-2}" --target ZmlogReaderFuzz

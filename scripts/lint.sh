@@ -10,9 +10,8 @@ db=$(mktemp -d)
 trap 'rm -rf "$db"' EXIT
 sed 's/ -fno-gnu-unique//g' "$build_dir/compile_commands.json" >"$db/compile_commands.json"
 
-files=$(git ls-files 'src/*.cpp' 'tools/*.cpp')
+mapfile -t files < <(git ls-files 'src/*.cpp' 'tools/*.cpp')
 cppcheck --quiet --inline-suppr --error-exitcode=1 --enable=warning,performance,portability \
-  --std=c++17 -Iinclude -Isrc $files
-# shellcheck disable=SC2086
-clang-tidy --quiet -p "$db" $files 2>/dev/null | grep -E 'warning:|error:' && exit 1
+  --std=c++17 -Iinclude -Isrc "${files[@]}"
+clang-tidy --quiet -p "$db" "${files[@]}" 2>/dev/null | grep -E 'warning:|error:' && exit 1
 echo "lint: clean"
