@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -118,16 +119,25 @@ TEST_F(Lifecycle, EndToEndThroughTheRuntime) {
     EXPECT_EQ(notice.head.flags, 2);
 }
 
+namespace {
+// A writer process waiting for the shared header's level to become `level`
+// while `change` runs; true when it saw it.
+bool WriterSeesLevel(const zmtest::TempInstall& install, int level,
+                     const std::function<void()>& change) {
+    Child watcher(kHelper, "CellEmulation", {"wait-level", std::to_string(level)}, install.Env());
+    if (!watcher.WaitForOutput("waiting", 10s)) return false;
+    change();
+    return watcher.Wait(10s).out.find("level " + std::to_string(level)) != std::string::npos;
+}
+}  // namespace
+
 TEST_F(Lifecycle, LevelSetByOneWriterIsSeenByAnother) {
     WithConfig();
     Child runtime(kHelper, "ZMRuntime", {"runtime", Flag()}, install.Env());
     ASSERT_TRUE(runtime.WaitForOutput("started", 10s));
-    Child watcher(kHelper, "CellEmulation", {"wait-level", "3"}, install.Env());
-    ASSERT_TRUE(watcher.WaitForOutput("waiting", 10s));
-    EXPECT_NE(
-        zmtest::RunHelper(kHelper, "BusBridge", {"setlevel", "3"}, install.Env()).out.find("set"),
-        std::string::npos);
-    EXPECT_NE(watcher.Wait(10s).out.find("level 3"), std::string::npos);
+    EXPECT_TRUE(WriterSeesLevel(install, 3, [&] {
+        zmtest::RunHelper(kHelper, "BusBridge", {"setlevel", "3"}, install.Env());
+    }));
     Release(runtime);
 }
 
@@ -137,30 +147,17 @@ TEST_F(Lifecycle, ConfigurationEditsReachTheSharedHeader) {
     WithConfig();
     Child runtime(kHelper, "ZMRuntime", {"runtime", Flag()}, install.Env());
     ASSERT_TRUE(runtime.WaitForOutput("started", 10s));
-
-    Child error(kHelper, "CellEmulation", {"wait-level", "4"}, install.Env());
-    ASSERT_TRUE(error.WaitForOutput("waiting", 10s));
-    {
-        std::ofstream cfg(install.ConfPath(), std::ios::app);
-        cfg << "logLevel=error\n";
-    }
-    EXPECT_NE(error.Wait(10s).out.find("level 4"), std::string::npos);
-
+    auto append = [&](const std::string& line) {
+        std::ofstream(install.ConfPath(), std::ios::app) << line << "\n";
+    };
+    EXPECT_TRUE(WriterSeesLevel(install, 4, [&] { append("logLevel=error"); }));
     const std::string replacement = install.ConfPath() + ".new";
     zmtest::WriteFile(replacement, "[log]\nlogLevel=warn\n");
-    Child warn(kHelper, "CellEmulation", {"wait-level", "3"}, install.Env());
-    ASSERT_TRUE(warn.WaitForOutput("waiting", 10s));
-    ASSERT_EQ(rename(replacement.c_str(), install.ConfPath().c_str()), 0);
-    EXPECT_NE(warn.Wait(10s).out.find("level 3"), std::string::npos);
-
+    EXPECT_TRUE(WriterSeesLevel(install, 3, [&] {
+        ASSERT_EQ(rename(replacement.c_str(), install.ConfPath().c_str()), 0);
+    }));
     // The new file is still watched after the rename.
-    Child fatal(kHelper, "CellEmulation", {"wait-level", "5"}, install.Env());
-    ASSERT_TRUE(fatal.WaitForOutput("waiting", 10s));
-    {
-        std::ofstream cfg(install.ConfPath(), std::ios::app);
-        cfg << "logLevel=fatal\n";
-    }
-    EXPECT_NE(fatal.Wait(10s).out.find("level 5"), std::string::npos);
+    EXPECT_TRUE(WriterSeesLevel(install, 5, [&] { append("logLevel=fatal"); }));
     Release(runtime);
 }
 
