@@ -18,6 +18,9 @@ constexpr int kSpinAttempts = 64;
 sem_t* OrNull(sem_t* s) {
     return s == SEM_FAILED ? nullptr : s;
 }
+
+// Counted on the failure path only: the hot path never touches it.
+thread_local unsigned long tLockTimeouts = 0;
 }  // namespace
 
 sem_t* SemManager::sem = nullptr;
@@ -75,7 +78,13 @@ sem_t* SemManager::TimedLock(long timeoutNs) {
     do {
         rc = sem_timedwait(s, &deadline);
     } while (rc == -1 && errno == EINTR);
-    return rc == 0 ? s : nullptr;
+    if (rc == 0) return s;
+    ++tLockTimeouts;
+    return nullptr;
+}
+
+unsigned long SemManager::ThreadLockTimeouts() {
+    return tLockTimeouts;
 }
 
 void SemManager::Unlock(sem_t* taken) {

@@ -22,6 +22,11 @@ class SemManager {
     static sem_t* TimedLock(long timeoutNs);
     static void Unlock(sem_t* taken);
 
+    // Lock time-outs of the calling thread so far: each one dropped a record
+    // or a drain. Callers are never told; stress tests and diagnostics read it
+    // to tell a dropped record from a lost one.
+    static unsigned long ThreadLockTimeouts();
+
     static sem_t* sem;
     static sem_t* readsem;
 };
