@@ -131,6 +131,16 @@ TEST(ParseLogline, StreamProgramFilterDropsOtherProgramsSilently) {
     EXPECT_EQ(lines, (LinesByProgram{{"ZMRuntime", {kLine2}}}));
 }
 
+TEST(ParseLogline, ATypedValueShorterThanItsTypeIsReadWithZerosAfterIt) {
+    // A damaged int record that holds one byte: what follows it is no part of the value.
+    const std::string data = MakeRecord("f", "ZMRuntime", "t", "\x05", 2, 8) + Rec1();
+    for (Form form : {kOneShot, kStream}) {
+        LinesByProgram lines;
+        Parse(form, data, lines);
+        EXPECT_EQ(lines["ZMRuntime"], (Lines{"2023-11-14 22:13:20.123|4711|INFO|f|t5", kLine1}));
+    }
+}
+
 TEST(ParseLogline, SurvivesRandomAndDamagedBuffers) {
     std::mt19937 rng(20240517);
     std::string pool(4096, ' ');

@@ -1,8 +1,15 @@
+#include <cstring>
 #include <string>
 
 #include "log/Decode.h"
 
 namespace PF::Utils::LOG {
+namespace {
+
+// Bytes a typed value is read with, by type code, whatever contentLen says.
+constexpr unsigned kValueWidth[14] = {0, 1, 1, 1, 1, 2, 2, 4, 4, 4, 8, 8, 8, 8};
+
+}  // namespace
 
 std::string ContructLogLine(LogHead& head, char* buf, unsigned long& offset, std::string& program) {
     // No length checks here: the caller has made sure the body lies in buf.
@@ -12,12 +19,20 @@ std::string ContructLogLine(LogHead& head, char* buf, unsigned long& offset, std
     offset += head.programLen;
     std::string tag(buf + offset, head.tagLen);
     offset += head.tagLen;
-    char* const content = buf + offset;
+    char* content = buf + offset;
     offset += head.contentLen;
 
     // Unknown type: no line, but the program is set and the body skipped. Its
     // content would not be shown, so it is not rendered either.
     if (head.valueType > 13) return std::string();
+    // A damaged record may hold fewer bytes than its value's type: read them
+    // with zeros after them, not whatever lies past the record (the end of
+    // the buffer, possibly).
+    char padded[8] = {};
+    if ((head.flags & kBinaryFlag) == 0 && head.contentLen < kValueWidth[head.valueType]) {
+        std::memcpy(padded, content, head.contentLen);
+        content = padded;
+    }
     std::string text = ParseLogContent(head.flags, head.valueType, content, head.contentLen);
     return gParseLogFunction(head, function, tag, text);
 }
