@@ -11,8 +11,8 @@ cd "$(dirname "$0")/.."
 
 scripts/install-missing.sh cmake make g++ /usr/include/gtest/gtest.h=libgtest-dev
 
-build=${BUILD_DIR:-build-rel}
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DZMLOG_BUILD_BENCH=OFF >/dev/null
+build=${BUILD_DIR:-build-stress}
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DZMLOG_BUILD_TESTS=ON -DZMLOG_BUILD_BENCH=OFF >/dev/null
 cmake --build "$build" -j"$(nproc)" >/dev/null
 
 # Smaller records than in CI keep a million of them within a dozen files.
