@@ -7,9 +7,12 @@
 # Usage: scripts/demo.sh [--keep]
 #   --keep   keep the temporary installation (configuration and log files)
 # The build goes to $ZMLOG_DEMO_BUILD_DIR (default: <repository>/build-demo).
+# ZMLOG_DEMO_WRAPPER, a command that starts every process of the demo
+# (scripts/valgrind-demo.sh: valgrind with its options); ZMLOG_DEMO_SLACK_S,
+# seconds added to the waits for start-up under a slow wrapper (default 0).
 set -euo pipefail
 
-usage() { sed -n '2,9s/^# \{0,1\}//p' "$0"; }
+usage() { sed -n '2,12s/^# \{0,1\}//p' "$0"; }
 
 REPO=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 BUILD=${ZMLOG_DEMO_BUILD_DIR:-$REPO/build-demo}
@@ -22,6 +25,8 @@ for arg in "$@"; do
     esac
 done
 
+read -ra WRAPPER <<<"${ZMLOG_DEMO_WRAPPER:-}"
+SLACK_S=${ZMLOG_DEMO_SLACK_S:-0}
 WRITERS=(CellEmulation EngineEmulation BusBridge)
 ROUNDS=8
 INTERVAL_MS=250
@@ -40,6 +45,17 @@ wait_for() {
         ((SECONDS < deadline)) || return 1
         sleep 0.05
     done
+}
+
+# Replaces the shell with program under the name role (argv[0]). Through a
+# wrapper, argv[0] is the path the wrapper is given: a link named role.
+exec_as() {
+    local role=$1 program=$2
+    shift 2
+    if ((${#WRAPPER[@]} == 0)); then exec -a "$role" "$program" "$@"; fi
+    mkdir -p "$DEMO/bin"
+    ln -sf "$program" "$DEMO/bin/$role"
+    exec "${WRAPPER[@]}" "$DEMO/bin/$role" "$@"
 }
 
 cleanup() {
@@ -121,9 +137,9 @@ step "installation in $DEMO (ZM_VELDOR_HOME, ZM_VELDOR_DATA), logLevel=info"
 
 # --- the runtime ---------------------------------------------------------------
 step "starting the runtime \"ZMRuntime\""
-(cd "$DEMO" && exec -a ZMRuntime "$RUNTIME_BIN") >"$DEMO/runtime.out" 2>&1 &
+(cd "$DEMO" && exec_as ZMRuntime "$RUNTIME_BIN") >"$DEMO/runtime.out" 2>&1 &
 RUNTIME_PID=$!
-if ! wait_for 5 grep -q "log started" "$DEMO/runtime.out"; then
+if ! wait_for $((5 + SLACK_S)) grep -q "log started" "$DEMO/runtime.out"; then
     cat "$DEMO/runtime.out" >&2
     echo "demo.sh: the runtime did not start its log" >&2
     exit 1
@@ -133,9 +149,23 @@ cat "$DEMO/runtime.out"
 # --- the writers ---------------------------------------------------------------
 step "starting ${WRITERS[*]}: two threads each, $ROUNDS rounds of ${INTERVAL_MS} ms"
 for name in "${WRITERS[@]}"; do
-    (exec -a "$name" "$WRITER_BIN" --rounds "$ROUNDS" --interval-ms "$INTERVAL_MS") &
+    if ((${#WRAPPER[@]} == 0)); then
+        (exec_as "$name" "$WRITER_BIN" --rounds "$ROUNDS" --interval-ms "$INTERVAL_MS") &
+    else
+        # Slow to start: the change below waits until every writer is attached.
+        (exec_as "$name" "$WRITER_BIN" --rounds "$ROUNDS" --interval-ms "$INTERVAL_MS") \
+            > >(tee "$DEMO/$name.out") &
+    fi
     WRITER_PIDS+=($!)
 done
+writers_attached() {
+    local name
+    for name in "${WRITERS[@]}"; do grep -q "attached" "$DEMO/$name.out" 2>/dev/null || return 1; done
+}
+if ((${#WRAPPER[@]} > 0)) && ! wait_for $((5 + SLACK_S)) writers_attached; then
+    echo "demo.sh: the writers did not attach" >&2
+    exit 1
+fi
 sleep "$(awk -v r="$ROUNDS" -v i="$INTERVAL_MS" 'BEGIN { printf "%.2f", r * i / 2000 }')"
 step "half-way: logLevel info -> debug in $CONFIG"
 write_config debug
@@ -158,6 +188,6 @@ echo "shared object and semaphores are gone; log file: $(stat -c %s "$LOGFILE") 
 # --- the log ---------------------------------------------------------------------
 # With no argument zmlog reads $ZM_VELDOR_DATA/log, the installation's log.
 step "zmlog"
-"$ZMLOG_BIN"
+"${WRAPPER[@]}" "$ZMLOG_BIN"
 step "zmlog --stats"
-"$ZMLOG_BIN" --stats
+"${WRAPPER[@]}" "$ZMLOG_BIN" --stats

@@ -16,6 +16,15 @@
 #include "support/TestSupport.h"
 
 using namespace std::chrono_literals;
+
+// valgrind cannot run a program built with a sanitizer.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ZMLOG_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define ZMLOG_SANITIZED 1
+#endif
+#endif
 using zmtest::Child;
 
 namespace {
@@ -184,6 +193,9 @@ TEST_F(Lifecycle, PrivateLogEndsWithTheReleaseNotice) {
     EXPECT_EQ(log.substr(log.size() - notice.size()), notice) << log;
 
     if (!zmtest::Exists("/usr/bin/valgrind")) GTEST_SKIP() << "valgrind not installed";
+#ifdef ZMLOG_SANITIZED
+    GTEST_SKIP() << "built with a sanitizer";
+#endif
     r = zmtest::RunHelper(
         "/usr/bin/valgrind", "/usr/bin/valgrind",
         {"--error-exitcode=99", "--leak-check=full", "--errors-for-leak-kinds=definite", "-q",

@@ -231,7 +231,9 @@ int ShmArchiver::WriteBinaryFile() {
         tick = (tick + 1) % kSyncPeriodTicks;
         if (tick == 0 && file_ != nullptr) fdatasync(fileno(file_));
 
-        RingHead* ring = RingHead::instance;
+        // A writer's reconfiguration (LogDoConfigure) clears the pointer while
+        // this thread still runs.
+        RingHead* ring = __atomic_load_n(&RingHead::instance, __ATOMIC_ACQUIRE);
         if (ring == nullptr) continue;
         const unsigned n = ring->Dequeue(readBuffer_, READ_BUFFER_LENGTH);
         if (n == 0) continue;

@@ -59,7 +59,8 @@ bool InitWriteProcess() {
 }
 
 bool CloseWriteProcess() {
-    RingHead::instance = nullptr;
+    // Atomic: a private log's archiver may still be reading it.
+    __atomic_store_n(&RingHead::instance, nullptr, __ATOMIC_RELEASE);
     if (SHMManager::shmInfo.address != nullptr) RingHead::Retire(SHMManager::shmInfo.address);
     return SHMManager::DestroySHM();
 }
