@@ -153,6 +153,7 @@ TEST_F(Stress, NothingLostUnderLoad) {
 
     const zmtest::RolledSet set = ReadSet([&](unsigned) { return std::pair{minSize, maxSize}; });
     unsigned long written = 0;
+    unsigned long arrived = 0;
     unsigned long timeouts = 0;
     long long maxUs = 0;
     for (unsigned p = 0; p < kProcesses; ++p) {
@@ -163,6 +164,7 @@ TEST_F(Stress, NothingLostUnderLoad) {
             maxUs = std::max(maxUs, r.maxUs);
             EXPECT_EQ(r.written, perThread);
             const auto missing = zmtest::MissingRecords(set, p, t, r.written);
+            arrived += r.written - missing.size();
             EXPECT_EQ(std::set<unsigned long>(missing.begin(), missing.end()), r.dropped)
                 << "p" << p << " t" << t << ": " << missing.size() << " missing, "
                 << r.dropped.size() << " dropped by the lock deadline";
@@ -172,7 +174,9 @@ TEST_F(Stress, NothingLostUnderLoad) {
     // Time-outs are counted, not hidden; more than one in a thousand would
     // mean the lock is held far longer than one copy.
     EXPECT_LE(timeouts * 1000, written);
-    EXPECT_GE(set.files.size(), 3U) << "the output should have rolled at least twice";
+    if (volume > 3 * 20971519UL) {
+        EXPECT_GE(set.files.size(), 3U) << "the output should have rolled at least twice";
+    }
     std::printf(
         "[ figures ] %lu records written by %u processes x %u threads in %.1f s "
         "(%.0f records/s, %.1f MB/s), %lu verified in %zu files (%.1f MB), "
