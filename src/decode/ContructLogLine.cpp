@@ -1,15 +1,10 @@
 #include <cstring>
 #include <string>
 
+#include "decode/ValueWidth.h"
 #include "log/Decode.h"
 
 namespace PF::Utils::LOG {
-namespace {
-
-// Bytes a typed value is read with, by type code, whatever contentLen says.
-constexpr unsigned kValueWidth[14] = {0, 1, 1, 1, 1, 2, 2, 4, 4, 4, 8, 8, 8, 8};
-
-}  // namespace
 
 std::string ContructLogLine(LogHead& head, char* buf, unsigned long& offset, std::string& program) {
     // No length checks here: the caller has made sure the body lies in buf.
@@ -29,7 +24,7 @@ std::string ContructLogLine(LogHead& head, char* buf, unsigned long& offset, std
     // with zeros after them, not whatever lies past the record (the end of
     // the buffer, possibly).
     char padded[8] = {};
-    if ((head.flags & kBinaryFlag) == 0 && head.contentLen < kValueWidth[head.valueType]) {
+    if ((head.flags & kBinaryFlag) == 0 && head.contentLen < ValueWidth(head.valueType)) {
         std::memcpy(padded, content, head.contentLen);
         content = padded;
     }

@@ -2,6 +2,7 @@
 
 #include <charconv>
 
+#include "decode/ValueWidth.h"
 #include "log/Decode.h"
 
 namespace PF::Utils::LOG::zmlog {
@@ -10,15 +11,6 @@ namespace {
 constexpr const char* kLevelColors[8] = {"\x1b[2m",  "\x1b[36m",   "\x1b[32m", "\x1b[33m",
                                          "\x1b[31m", "\x1b[1;31m", "\x1b[35m", ""};
 constexpr const char* kColorOff = "\x1b[0m";
-
-// Bytes a typed value of this type code is read with, whatever contentLen says.
-unsigned ValueWidth(std::uint32_t type) {
-    if (type >= 1 && type <= 4) return 1;
-    if (type == 5 || type == 6) return 2;
-    if (type >= 7 && type <= 9) return 4;
-    if (type >= 10 && type <= 13) return 8;
-    return 0;
-}
 
 template <class T>
 void AppendNumber(std::string& out, T value) {
