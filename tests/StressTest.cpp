@@ -89,6 +89,17 @@ class Stress : public ::testing::Test {
                                        install.Env());
     }
     std::string Flag() const { return install.Root() + "/release"; }
+    // Waits for every writer to end well and reads its per-thread report.
+    static void CollectReports(std::vector<std::unique_ptr<Child>>& writers, unsigned threads,
+                               std::chrono::milliseconds timeout,
+                               std::vector<std::vector<zmtest::WriterThreadReport>>& reports) {
+        for (auto& w : writers) {
+            const auto r = w->Wait(timeout);
+            ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
+            reports.push_back(zmtest::ParseWriterReport(r.out));
+            ASSERT_EQ(reports.back().size(), threads) << r.out;
+        }
+    }
 
     // The rolled set must decode completely: no damaged byte, every stream
     // record byte-identical and in its thread's order, one program and
@@ -142,12 +153,7 @@ TEST_F(Stress, NothingLostUnderLoad) {
         while (!w->WaitForOutput("thread ", 250ms)) EditConfig(++edits);
     }
     std::vector<std::vector<zmtest::WriterThreadReport>> reports;
-    for (auto& w : writers) {
-        const auto r = w->Wait(30min);
-        ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
-        reports.push_back(zmtest::ParseWriterReport(r.out));
-        ASSERT_EQ(reports.back().size(), kThreads) << r.out;
-    }
+    ASSERT_NO_FATAL_FAILURE(CollectReports(writers, kThreads, 30min, reports));
     const double seconds = Seconds(start);
     ReleaseRuntime();
 
@@ -208,12 +214,7 @@ TEST_F(Stress, OverloadLosesOldRecordsButNeverCorruptsTheFile) {
     // One record more per thread once the storm is over.
     zmtest::WriteFile(finish, "");
     std::vector<std::vector<zmtest::WriterThreadReport>> reports;
-    for (auto& w : writers) {
-        const auto r = w->Wait(60s);
-        ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
-        reports.push_back(zmtest::ParseWriterReport(r.out));
-        ASSERT_EQ(reports.back().size(), kThreads) << r.out;
-    }
+    ASSERT_NO_FATAL_FAILURE(CollectReports(writers, kThreads, 60s, reports));
     ReleaseRuntime();
 
     const zmtest::RolledSet set = ReadSet([&](unsigned) { return std::pair{minSize, maxSize}; });
@@ -291,12 +292,7 @@ TEST_F(Stress, SurvivorsOutliveWritersKilledMidRecord) {
     const double seconds = Seconds(start);
     zmtest::WriteFile(stop, "");
     std::vector<std::vector<zmtest::WriterThreadReport>> reports;
-    for (auto& w : writers) {
-        const auto r = w->Wait(60s);
-        ASSERT_EQ(r.exitCode, 0) << r.out << r.err;
-        reports.push_back(zmtest::ParseWriterReport(r.out));
-        ASSERT_EQ(reports.back().size(), 2U) << r.out;
-    }
+    ASSERT_NO_FATAL_FAILURE(CollectReports(writers, 2, 60s, reports));
     ReleaseRuntime();
 
     const zmtest::RolledSet set = ReadSet([&](unsigned p) {
