@@ -281,7 +281,7 @@ void RemoveGlobalNames() {
 }
 
 GlobalNamesLock::GlobalNamesLock() {
-    fd_ = open("/tmp/zmlog-global-names.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    fd_ = open("/dev/shm/zmlog-global-names.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (fd_ >= 0) flock(fd_, LOCK_EX);
     RemoveGlobalNames();
 }
