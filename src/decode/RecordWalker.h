@@ -1,16 +1,15 @@
 // Walks a stream of log records (the unscrambled bytes of "RUNTIME.data" and
 // its rolled siblings, in any slicing) and yields them one by one in stream
-// order, with the parser's framing rules: the program-name length test, the
-// fit test and the full name looked up in gValidProgram. Damaged bytes are
-// skipped one at a time and counted; a record cut at the end of a slice is
-// held until the next slice completes it, so the result does not depend on
-// how the stream is sliced.
+// order. A record is found by its framing alone, whatever program wrote it:
+// a header that the library could have written, lengths that fit, printable
+// names. Damaged bytes are skipped one at a time and counted; a record cut at
+// the end of a slice is held until the next slice completes it, so the result
+// does not depend on how the stream is sliced.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <string>
 #include <string_view>
 #include <vector>
 
@@ -23,6 +22,7 @@ namespace PF::Utils::LOG {
 struct WalkedRecord {
     LogHead head;
     std::uint64_t offset;  // position of the header in the whole stream
+    std::uint32_t size;    // header and body
     char* body;            // first body byte (the function name)
     std::string_view function;
     std::string_view program;
@@ -47,8 +47,12 @@ class RecordWalker {
     std::uint64_t RecordCount() const { return records_; }
     std::size_t HeldBytes() const { return used_; }
 
+    // The header could have been written by the library (see the .cpp).
+    static bool PlausibleHeader(const LogHead& head);
+    // Names are printable ASCII.
+    static bool PlausibleName(std::string_view name);
+
   private:
-    bool KnownProgram(std::string_view name);
     void Walk(bool final, const Sink& sink);
 
     std::vector<char> buf_;
@@ -56,9 +60,6 @@ class RecordWalker {
     std::uint64_t base_ = 0;     // stream offset of buf_[0]
     std::uint64_t skipped_ = 0;  // bytes that belong to no record
     std::uint64_t records_ = 0;
-    // Names found in gValidProgram, which only grows: once found, always valid.
-    static constexpr std::size_t kKnownCacheSize = 32;
-    std::vector<std::string> known_;
 };
 
 }  // namespace PF::Utils::LOG
