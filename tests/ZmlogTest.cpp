@@ -29,11 +29,11 @@ void WriteLogFile(const std::string& path, const std::string& plain, bool append
     std::fclose(f);
 }
 
-// A default line of a record written second s after kT0 (UTC).
-std::string Line(int s, const std::string& rest) {
+// A default line of a record of program written second s after kT0 (UTC).
+std::string Line(int s, const std::string& program, const std::string& rest) {
     char stamp[32];
-    std::snprintf(stamp, sizeof stamp, "2023-11-14 22:13:%02d.123|4711|", 20 + s);
-    return stamp + rest + "\n";
+    std::snprintf(stamp, sizeof stamp, "2023-11-14 22:13:%02d.123 ", 20 + s);
+    return stamp + program + "[4711] " + rest + "\n";
 }
 
 std::string Rec(int s, unsigned level, const std::string& program, const std::string& function,
@@ -66,9 +66,10 @@ TEST_F(ZmlogTest, ReadsRolledSetOldestFirstAcrossRollBoundaries) {
     WriteLogFile(LogFile("_2"), r1.substr(0, 50));  // a record cut by two rolls
     WriteLogFile(LogFile("_1"), r1.substr(50) + r2.substr(0, 20));
     WriteLogFile(LogFile(), r2.substr(20) + Rec(3, 4, "BusBridge", "Scan", "bus", "slave 4 lost"));
-    const std::string expected = Line(0, "INFO|main|netlink up") + Line(1, "WARN|Poll|ioqueue 3") +
-                                 Line(2, "DEBUG|Tick|cycle 17") +
-                                 Line(3, "ERROR|Scan|busslave 4 lost");
+    const std::string expected = Line(0, "ZMRuntime", "INFO main: netlink up") +
+                                 Line(1, "CellEmulation", "WARN Poll: ioqueue 3") +
+                                 Line(2, "ZMRuntime", "DEBUG Tick: cycle 17") +
+                                 Line(3, "BusBridge", "ERROR Scan: busslave 4 lost");
 
     // No argument: the library's log directory from ZM_VELDOR_DATA.
     auto r = Run({});
@@ -78,7 +79,7 @@ TEST_F(ZmlogTest, ReadsRolledSetOldestFirstAcrossRollBoundaries) {
     // Files in the order a shell glob gives them.
     EXPECT_EQ(Run({LogFile(), LogFile("_1"), LogFile("_10"), LogFile("_2")}).out, expected);
     EXPECT_EQ(Run({"--micro", install.LogDir(), "-n", "1"}).out,
-              "2023-11-14 22:13:23.123456|4711|ERROR|Scan|busslave 4 lost\n");
+              "2023-11-14 22:13:23.123456 BusBridge[4711] ERROR Scan: busslave 4 lost\n");
 }
 
 TEST_F(ZmlogTest, JsonFieldsEscapingAndTimeOffset) {
@@ -89,47 +90,52 @@ TEST_F(ZmlogTest, JsonFieldsEscapingAndTimeOffset) {
         LogFile(),
         MakeRecord("say \"hi\"", "ZMRuntime", "t\\g", text, 2, 0, false, 7, kT0, 0xDEADBEEF) +
             MakeRecord("dump", "emu_core", "bin", std::string("\0\1\xab", 3), 1, 0, true, 8, kT0) +
-            MakeRecord("val", "BusBridge", "v", typed, 6, 12, false, 9, -1));
+            MakeRecord("val", "BusBridge", "v", typed, 6, 12, false, 9, 999999));
     EXPECT_EQ(Run({"--json"}).out,
               "{\"time\":\"2023-11-14T22:13:20.123456+00:00\",\"time_us\":1700000000123456,"
               "\"thread\":7,\"level\":\"INFO\",\"program\":\"ZMRuntime\",\"function\":\"say "
               "\\\"hi\\\"\",\"tag\":\"t\\\\g\",\"content\":\"a\\nb\\t\\u0001 \xc3\xa9 "
-              "\xef\xbf\xbd\",\"component\":3735928559,\"binary\":false}\n"
+              "\xef\xbf\xbd\",\"type\":\"text\",\"component\":3735928559,\"binary\":false}\n"
               "{\"time\":\"2023-11-14T22:13:20.123456+00:00\",\"time_us\":1700000000123456,"
               "\"thread\":8,\"level\":\"DEBUG\",\"program\":\"emu_core\",\"function\":\"dump\","
-              "\"tag\":\"bin\",\"content\":\"0001ab\",\"component\":0,\"binary\":true}\n"
-              "{\"time\":\"1969-12-31T23:59:59.999999+00:00\",\"time_us\":-1,\"thread\":9,"
+              "\"tag\":\"bin\",\"content\":\"0001ab\",\"type\":\"binary\",\"component\":0,"
+              "\"binary\":true}\n"
+              "{\"time\":\"1970-01-01T00:00:00.999999+00:00\",\"time_us\":999999,\"thread\":9,"
               "\"level\":\"Record\",\"program\":\"BusBridge\",\"function\":\"val\",\"tag\":\"v\","
-              "\"content\":\"2.5\",\"component\":0,\"binary\":false}\n");
+              "\"content\":\"2.5\",\"type\":\"double\",\"value\":2.5,\"component\":0,"
+              "\"binary\":false}\n");
     // The offset is the local zone's.
     EXPECT_NE(
-        Run({"--json", "-n", "1"}, "IST-5:30").out.find("\"1970-01-01T05:29:59.999999+05:30\""),
+        Run({"--json", "-n", "1"}, "IST-5:30").out.find("\"1970-01-01T05:30:00.999999+05:30\""),
         std::string::npos);
 }
 
 TEST_F(ZmlogTest, FiltersAndColour) {
-    // "MyTool" is no program the decoder knows: its record reads as damage
-    // unless it is asked for.
+    // "MyTool" is no program the library's decoder knows: shown all the same.
     WriteLogFile(LogFile(), Rec(0, 2, "ZMRuntime", "Up", "net", "link up") +
                                 Rec(1, 3, "CellEmulation", "Poll", "io", "queue full") +
                                 Rec(2, 4, "MyTool", "Save", "net", "disk full") +
                                 Rec(3, 5, "ZMRuntime", "Down", "io", "link down"));
-    const std::string up = Line(0, "INFO|Up|netlink up");
-    const std::string poll = Line(1, "WARN|Poll|ioqueue full");
-    const std::string down = Line(3, "FATAL|Down|iolink down");
+    const std::string up = Line(0, "ZMRuntime", "INFO Up: netlink up");
+    const std::string poll = Line(1, "CellEmulation", "WARN Poll: ioqueue full");
+    const std::string save = Line(2, "MyTool", "ERROR Save: netdisk full");
+    const std::string down = Line(3, "ZMRuntime", "FATAL Down: iolink down");
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{}, up + poll + down},  // no colour into a pipe
-        {{"--color=always", "--tag=net"}, Line(0, "\x1b[32mINFO\x1b[0m|Up|netlink up")},
-        {{"--level", "warn"}, poll + down},
-        {{"--level=ERROR", "--program", "MyTool"}, Line(2, "ERROR|Save|netdisk full")},
+        {{}, up + poll + save + down},  // no colour into a pipe
+        {{"--color=always", "--tag=net"},
+         Line(0, "ZMRuntime", "\x1b[32mINFO\x1b[0m Up: netlink up") +
+             Line(2, "MyTool", "\x1b[31mERROR\x1b[0m Save: netdisk full")},
+        {{"--level", "warn"}, poll + save + down},
+        {{"--level=ERROR", "--program", "MyTool"}, save},
         {{"--program=ZMRuntime", "--program=CellEmulation", "--level=4"}, down},
         {{"--tag", "io"}, poll + down},
-        {{"--grep", "full"}, poll},
+        {{"--grep", "full"}, poll + save},
         {{"--grep", "Dow"}, down},  // the function name counts too
-        {{"--since", "2023-11-14 22:13:21", "--until", "2023-11-14T22:13:23.123456"}, poll + down},
+        {{"--since", "2023-11-14 22:13:21", "--until", "2023-11-14T22:13:23.123456"},
+         poll + save + down},
         {{"--until", "2023-11-14 22:13:20"}, ""},
-        {{"-n", "2"}, poll + down},
-        {{"-n1", "--level=info", "--tag=net"}, up},
+        {{"-n", "2"}, save + down},
+        {{"-n1", "--level=info", "--program=ZMRuntime", "--tag=net"}, up},
         {{"-n", "0"}, ""},
     };
     for (const auto& [args, out] : cases)
@@ -143,21 +149,22 @@ TEST_F(ZmlogTest, StatsCountProgramsLevelsSpanAndDamage) {
                                 Rec(3, 3, "ZMRuntime", "Up", "", "c") +
                                 Rec(5, 2, "ZMRuntime", "Up", "", "lost at the end").substr(0, 40));
 
-    // Damaged: "junk", the unknown program's record (32 + 11) and the cut one's 40.
+    // Damaged: "junk" and the cut record's 40 bytes.
     const std::string expected =
-        "records: 3\nspan: 2023-11-14 22:13:20.123456 .. 2023-11-14 22:13:23.123456\n"
-        "damaged bytes skipped: 87\n"
+        "records: 4\nspan: 2023-11-14 22:13:20.123456 .. 2023-11-14 22:13:23.123456\n"
+        "damaged bytes skipped: 44\n"
         "program        TRACE  DEBUG   INFO   WARN  ERROR  FATAL  Record     total\n"
         "CellEmulation      0      0      0      1      0      0       0         1\n"
+        "MyTool             0      0      0      0      1      0       0         1\n"
         "ZMRuntime          0      0      1      1      0      0       0         2\n"
-        "all                0      0      1      2      0      0       0         3\n";
+        "all                0      0      1      2      1      0       0         4\n";
     auto r = Run({"--stats"});
     EXPECT_EQ(r.exitCode, 0);
     EXPECT_EQ(r.out, expected);
     // Filters apply to the counts, not to the damage.
     r = Run({"--stats", "--json", "--level=warn"});
-    EXPECT_EQ(r.out.rfind("{\"records\":2,", 0), 0U) << r.out;
-    EXPECT_NE(r.out.find(",\"damaged_bytes\":87,"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.rfind("{\"records\":3,", 0), 0U) << r.out;
+    EXPECT_NE(r.out.find(",\"damaged_bytes\":44,"), std::string::npos) << r.out;
 }
 
 TEST_F(ZmlogTest, HostileInputIsSkippedWithoutCrashOrHang) {
@@ -176,13 +183,14 @@ TEST_F(ZmlogTest, HostileInputIsSkippedWithoutCrashOrHang) {
     for (const char* format : {"--micro", "--json", "--stats"})
         EXPECT_EQ(Run({format}).exitCode, 0);
     const std::string out = Run({}).out;
-    EXPECT_NE(out.find(Line(0, "INFO|Up|after noise")), std::string::npos) << out;
-    EXPECT_NE(out.find(Line(3, "INFO|Short|0")), std::string::npos) << out;
+    EXPECT_NE(out.find(Line(0, "ZMRuntime", "INFO Up: after noise")), std::string::npos) << out;
+    EXPECT_NE(out.find(Line(3, "ZMRuntime", "INFO Short: 0")), std::string::npos) << out;
 }
 
 TEST_F(ZmlogTest, ErrorsGiveOneLineAndStatus) {
     const std::string missing = install.Root() + "/nowhere";
-    const std::string time = " (use YYYY-MM-DD[ HH:MM[:SS[.ffffff]]])";
+    const std::string time =
+        " (use YYYY-MM-DD [HH:MM[:SS]], HH:MM[:SS], now, today, yesterday, or -15min, -2h, -1d)";
     const std::string levels = " (trace, debug, info, warn, error, fatal, record)";
     const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
         {{missing}, 1, "cannot open " + missing + ": No such file or directory"},
@@ -190,7 +198,7 @@ TEST_F(ZmlogTest, ErrorsGiveOneLineAndStatus) {
         {{"--bogus=1"}, 2, "unknown option '--bogus' (see zmlog --help)"},
         {{"--level"}, 2, "option '--level' needs a value"},
         {{"--level", "loud"}, 2, "unknown level 'loud'" + levels},
-        {{"--since", "yesterday"}, 2, "bad time 'yesterday' for --since" + time},
+        {{"--since", "someday"}, 2, "bad time 'someday' for --since" + time},
         {{"--until", "2023-02-30"}, 2, "bad time '2023-02-30' for --until" + time},
         {{"-n", "-3"}, 2, "bad count '-3' for -n"},
         {{"--stats", "-f"}, 2, "--stats cannot be combined with --follow"},
@@ -211,9 +219,9 @@ TEST_F(ZmlogTest, ErrorsGiveOneLineAndStatus) {
 TEST_F(ZmlogTest, FollowShowsAppendedRecordsAndSurvivesARoll) {
     WriteLogFile(LogFile(), Rec(0, 2, "ZMRuntime", "Up", "", "first"));
     zmtest::Child follow(kZmlog, "zmlog", {"-f"}, Env(), install.Root());
-    ASSERT_TRUE(follow.WaitForOutput(Line(0, "INFO|Up|first"), 5s));
+    ASSERT_TRUE(follow.WaitForOutput(Line(0, "ZMRuntime", "INFO Up: first"), 5s));
     WriteLogFile(LogFile(), Rec(1, 2, "ZMRuntime", "Up", "", "appended"), true);
-    EXPECT_TRUE(follow.WaitForOutput(Line(1, "INFO|Up|appended"), 5s));
+    EXPECT_TRUE(follow.WaitForOutput(Line(1, "ZMRuntime", "INFO Up: appended"), 5s));
 
     // A roll: the old file gets the first half of a record (and is renamed
     // before zmlog may have seen it), the new file the second half.
@@ -221,10 +229,11 @@ TEST_F(ZmlogTest, FollowShowsAppendedRecordsAndSurvivesARoll) {
     WriteLogFile(LogFile(), cut.substr(0, 30), true);
     std::filesystem::rename(LogFile(), LogFile("_1"));
     WriteLogFile(LogFile(), cut.substr(30) + Rec(3, 2, "ZMRuntime", "Up", "", "new file"));
-    EXPECT_TRUE(follow.WaitForOutput(Line(3, "INFO|Up|new file"), 5s));
-    EXPECT_EQ(follow.OutSoFar(), Line(0, "INFO|Up|first") + Line(1, "INFO|Up|appended") +
-                                     Line(2, "INFO|Up|across the roll") +
-                                     Line(3, "INFO|Up|new file"));
+    EXPECT_TRUE(follow.WaitForOutput(Line(3, "ZMRuntime", "INFO Up: new file"), 5s));
+    EXPECT_EQ(follow.OutSoFar(), Line(0, "ZMRuntime", "INFO Up: first") +
+                                     Line(1, "ZMRuntime", "INFO Up: appended") +
+                                     Line(2, "ZMRuntime", "INFO Up: across the roll") +
+                                     Line(3, "ZMRuntime", "INFO Up: new file"));
 }
 
 }  // namespace

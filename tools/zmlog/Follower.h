@@ -1,41 +1,50 @@
-// -f: keeps reading the newest file as it grows, like tail -f. When the file
-// is rolled away (renamed) or deleted and created anew, what was appended to
-// the old file is read to its end from the descriptor still open, and then
-// the new file, known by its inode, is read from its start.
+// -f: keeps reading a rolled set as it grows, like tail -f, without losing a
+// file to a roll. The file being read is held open and known by its identity
+// (device and inode), not by its name: when "RUNTIME.data" is no longer that
+// file, what was appended to it is read to its end from the descriptor, and
+// then every file of the set that came after it, oldest first, from its
+// start, however many rolls happened between two reads (a follower whose
+// output blocked, or that was stopped, still reads every file):
+//
+//   read:   RUNTIME.data (inode 7)
+//   later:  RUNTIME.data_2 (7), RUNTIME.data_1 (8), RUNTIME.data (9)
+//   reads:  the rest of 7, then 8, then 9
 #pragma once
 
-#include <sys/types.h>
-
+#include <csignal>
+#include <functional>
 #include <string>
+#include <vector>
 
-#include "LogReader.h"
-#include "OutputSink.h"
+#include "LogFiles.h"
+#include "RecordSource.h"
 
 namespace PF::Utils::LOG::zmlog {
 
 class Follower {
   public:
-    // fd: path opened and read to its end already, or -1 (not there yet).
-    Follower(std::string path, int fd, LogReader& reader, OutputSink& out);
-    ~Follower();
+    // current: the newest file read so far, read to its end (or not open
+    // when there was none); older: the identities of the files read before.
+    Follower(RolledSet set, InputFile current, std::vector<FileId> older, RecordSource& source);
     Follower(const Follower&) = delete;
     Follower& operator=(const Follower&) = delete;
 
-    // Returns only by an exception; the process normally ends by a signal.
-    [[noreturn]] void Run();
+    // Reads what is new. Throws Error when a file cannot be read.
     void Step();
+    // Steps every 100 ms until stop is set; afterStep runs after each step.
+    void Run(const volatile std::sig_atomic_t& stop, const std::function<void()>& afterStep);
 
   private:
     void Drain();
-    void Open();
+    void ReadNewFiles();
+    bool Older(const FileId& id) const;
 
-    std::string path_;
-    int fd_;
-    dev_t dev_ = 0;
-    ino_t ino_ = 0;
-    off_t pos_ = 0;
-    LogReader& reader_;
-    OutputSink& out_;
+    RolledSet set_;
+    std::string path_;  // the set's newest name
+    InputFile current_;
+    std::uint64_t pos_ = 0;
+    std::vector<FileId> older_;
+    RecordSource& source_;
 };
 
 }  // namespace PF::Utils::LOG::zmlog

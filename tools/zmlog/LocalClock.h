@@ -1,5 +1,5 @@
-// Local time stamps with their UTC offset, for JSON and statistics. localtime
-// runs once per second of log time.
+// Local time stamps of records, in the process's time zone (UTC with
+// --utc). localtime runs once per second of log time.
 #pragma once
 
 #include <cstdint>
@@ -11,18 +11,18 @@ namespace PF::Utils::LOG::zmlog {
 class LocalClock {
   public:
     // "2024-05-17T13:04:59.123456+02:00"
-    void AppendIso(std::int64_t timeUs, std::string& out) { Append(timeUs, true, out); }
-    // "2024-05-17 13:04:59.123456", the text lines' layout
-    void AppendPlain(std::int64_t timeUs, std::string& out) { Append(timeUs, false, out); }
+    void AppendIso(std::int64_t timeUs, std::string& out);
+    // "2024-05-17 13:04:59.123456", or with digits 3 "2024-05-17 13:04:59.123"
+    void AppendPlain(std::int64_t timeUs, std::string& out, int digits = 6);
 
   private:
-    void Append(std::int64_t timeUs, bool iso, std::string& out);
-    void Load(std::int64_t second);
+    // Loads the second of timeUs; returns the microseconds within it.
+    std::int64_t Load(std::int64_t timeUs);
 
     std::int64_t cachedSecond_ = INT64_MIN;
-    char date_[48] = {};    // "YYYY-MM-DD"
-    char clock_[16] = {};   // "HH:MM:SS"
-    char offset_[16] = {};  // "+HH:MM"
+    std::string plain_;   // "YYYY-MM-DD HH:MM:SS"
+    std::string iso_;     // "YYYY-MM-DDTHH:MM:SS"
+    std::string offset_;  // "+HH:MM"
 };
 
 }  // namespace PF::Utils::LOG::zmlog

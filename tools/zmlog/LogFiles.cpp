@@ -12,6 +12,8 @@
 #include <set>
 #include <utility>
 
+#include "Options.h"
+
 namespace PF::Utils::LOG::zmlog {
 namespace {
 
@@ -39,32 +41,45 @@ std::string SystemError(const std::string& what, const std::string& path, int er
 
 }  // namespace
 
+InputFile& InputFile::operator=(InputFile&& other) noexcept {
+    if (this != &other) {
+        if (fd_ >= 0) ::close(fd_);
+        path_ = std::move(other.path_);
+        fd_ = std::exchange(other.fd_, -1);
+        id_ = other.id_;
+    }
+    return *this;
+}
+
 InputFile::~InputFile() {
     if (fd_ >= 0) ::close(fd_);
 }
 
-int InputFile::Release() {
-    const int fd = fd_;
-    fd_ = -1;
-    return fd;
+RolledSet RolledSetOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    RolledSet set{slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash),
+                  slash == std::string::npos ? path : path.substr(slash + 1)};
+    std::string stem;
+    if (RollNumber(set.stem, &stem) != 0) set.stem = stem;
+    return set;
 }
 
 std::string PathIn(const std::string& dir, const std::string& name) {
     return dir.empty() || dir.back() == '/' ? dir + name : dir + "/" + name;
 }
 
-std::vector<std::string> ListRolledSet(const std::string& dir) {
+std::vector<std::string> ListRolledSet(const std::string& dir, const std::string& stem) {
     DIR* d = ::opendir(dir.c_str());
     if (d == nullptr) throw Error(SystemError("cannot read directory", dir, errno));
     std::vector<std::pair<unsigned long, std::string>> found;
     bool current = false;
     while (const dirent* e = ::readdir(d)) {
         const std::string name = e->d_name;
-        std::string stem;
-        if (name == kDataFileName) {
+        std::string nameStem;
+        if (name == stem) {
             current = true;
-        } else if (const unsigned long n = RollNumber(name, &stem);
-                   n != 0 && stem == kDataFileName) {
+        } else if (const unsigned long n = RollNumber(name, &nameStem);
+                   n != 0 && nameStem == stem) {
             found.emplace_back(n, name);
         }
     }
@@ -73,7 +88,7 @@ std::vector<std::string> ListRolledSet(const std::string& dir) {
               [](const auto& a, const auto& b) { return a.first > b.first; });
     std::vector<std::string> paths;
     for (const auto& entry : found) paths.push_back(PathIn(dir, entry.second));
-    if (current) paths.push_back(PathIn(dir, kDataFileName));
+    if (current) paths.push_back(PathIn(dir, stem));
     return paths;
 }
 
@@ -112,9 +127,13 @@ std::vector<InputFile> OpenFiles(const std::vector<std::string>& paths, bool van
             if (vanishedOk && errno == ENOENT) continue;
             throw Error(SystemError("cannot open", *it, errno));
         }
-        InputFile file(*it, fd);
         struct stat st {};
-        if (::fstat(fd, &st) != 0) throw Error(SystemError("cannot read", *it, errno));
+        if (::fstat(fd, &st) != 0) {
+            const int error = errno;
+            ::close(fd);
+            throw Error(SystemError("cannot read", *it, error));
+        }
+        InputFile file(*it, fd, FileId{st.st_dev, st.st_ino});
         if (S_ISDIR(st.st_mode)) throw Error("cannot read " + *it + ": Is a directory");
         if (!seen.emplace(st.st_dev, st.st_ino).second) continue;
         newestFirst.push_back(std::move(file));
@@ -126,16 +145,16 @@ std::vector<InputFile> OpenFiles(const std::vector<std::string>& paths, bool van
     return oldestFirst;
 }
 
-std::uint64_t ReadToEnd(int fd, const std::string& path, LogReader& reader) {
+std::uint64_t ReadToEnd(int fd, const std::string& path, RecordSource& source) {
     std::uint64_t total = 0;
     for (;;) {
-        const ssize_t n = ::read(fd, reader.Reserve(kChunk), kChunk);
+        const ssize_t n = ::read(fd, source.Reserve(kChunk), kChunk);
         if (n == 0) return total;
         if (n < 0) {
             if (errno == EINTR) continue;
             throw Error(SystemError("cannot read", path, errno));
         }
-        reader.Commit(static_cast<std::size_t>(n));
+        source.Commit(static_cast<std::size_t>(n));
         total += static_cast<std::uint64_t>(n);
     }
 }

@@ -1,39 +1,20 @@
 #include "LogReader.h"
 
 #include <algorithm>
-#include <climits>
-
-#include "archive/Encrypt.h"
 
 namespace PF::Utils::LOG::zmlog {
 
 LogReader::LogReader(const Options& o, bool color, OutputSink& out)
-    : sink_([this](WalkedRecord& r) { OnRecord(r); }),
-      filter_(o),
-      formatter_(o.json, color && !o.json),
+    : filter_(o),
+      formatter_(o, color),
       out_(out),
       stats_(o.stats),
-      json_(o.json),
-      keepLast_(o.lastOnly),
-      lastWanted_(o.last) {}
-
-void LogReader::Commit(std::size_t n) {
-    // The scrambling is its own inverse: the archiver's transform undoes it.
-    for (std::size_t done = 0; done < n;) {
-        const auto piece = static_cast<int>(std::min<std::size_t>(n - done, INT_MAX));
-        Encrypt::EncryptBlock(reserved_ + done, piece);
-        done += static_cast<std::size_t>(piece);
-    }
-    walker_.Commit(n, sink_);
-}
-
-void LogReader::FeedPlain(const char* data, std::size_t n) {
-    walker_.Feed(data, n, sink_);
-}
-
-void LogReader::EndOfStream() {
-    walker_.Finish(sink_);
-}
+      json_(o.output == OutputFormat::kJson),
+      hold_(o.lastOnly || o.reverse),
+      reverse_(o.reverse),
+      ring_(o.lastOnly),
+      limit_(o.last),
+      source_([this](WalkedRecord& r, const SourceFile&, std::uint64_t) { OnRecord(r); }) {}
 
 void LogReader::OnRecord(WalkedRecord& r) {
     if (!filter_.Passes(r)) return;
@@ -42,34 +23,43 @@ void LogReader::OnRecord(WalkedRecord& r) {
         statistics_.Add(r);
         return;
     }
-    if (!keepLast_) {
+    if (!hold_) {
         formatter_.Append(r, out_.Text());
         out_.FlushIfFull();
         return;
     }
-    if (lastWanted_ == 0) return;
-    if (last_.size() < lastWanted_) {
-        last_.emplace_back();
-        formatter_.Append(r, last_.back());
+    if (!ring_) {
+        starts_.push_back(all_.size());
+        formatter_.Append(r, all_);
         return;
     }
-    // Full: overwrite the oldest line, reusing its storage.
-    std::string& slot = last_[lastNext_];
+    if (limit_ == 0) return;
+    if (held_.size() < limit_) {
+        held_.emplace_back();
+        formatter_.Append(r, held_.back());
+        return;
+    }
+    // Full: overwrite the oldest text, reusing its storage.
+    std::string& slot = held_[next_];
     slot.clear();
     formatter_.Append(r, slot);
-    lastNext_ = (lastNext_ + 1) % last_.size();
+    next_ = (next_ + 1) % held_.size();
 }
 
 void LogReader::Finish() {
     if (stats_) {
-        statistics_.Print(out_, json_, walker_.SkippedBytes());
-    } else if (keepLast_) {
-        for (std::size_t i = 0; i < last_.size(); ++i) {
-            out_.Write(last_[(lastNext_ + i) % last_.size()]);
+        statistics_.Print(out_, json_, source_.DamagedBytes());
+    } else if (hold_) {
+        std::rotate(held_.begin(), held_.begin() + static_cast<std::ptrdiff_t>(next_), held_.end());
+        if (reverse_) std::reverse(held_.begin(), held_.end());
+        for (const std::string& text : held_) out_.Write(text);
+        for (std::size_t i = starts_.size(), end = all_.size(); i-- > 0; end = starts_[i]) {
+            out_.Write(std::string_view(all_).substr(starts_[i], end - starts_[i]));
         }
-        last_.clear();
-        last_.shrink_to_fit();
-        keepLast_ = false;
+        held_ = {};
+        all_ = {};
+        starts_ = {};
+        hold_ = false;
     }
     out_.FlushIfFull();
 }

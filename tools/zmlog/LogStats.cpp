@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "JsonFormat.h"
 #include "RecordFormatter.h"
 
 namespace PF::Utils::LOG::zmlog {

@@ -5,7 +5,8 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
-#include <ctime>
+
+#include "TimeSpec.h"
 
 namespace PF::Utils::LOG::zmlog {
 namespace {
@@ -20,27 +21,38 @@ enum LongOnly {
     kStats,
     kProgram,
     kLevel,
-    kSince,
-    kUntil,
     kTag,
     kGrep,
+    kUtc,
+    kVersion,
 };
 
 const option kLongOptions[] = {
-    {"micro", no_argument, nullptr, kMicro},
+    {"output", required_argument, nullptr, 'o'},
     {"json", no_argument, nullptr, kJson},
+    {"micro", no_argument, nullptr, kMicro},
     {"color", required_argument, nullptr, kColor},
     {"stats", no_argument, nullptr, kStats},
     {"program", required_argument, nullptr, kProgram},
     {"level", required_argument, nullptr, kLevel},
-    {"since", required_argument, nullptr, kSince},
-    {"until", required_argument, nullptr, kUntil},
+    {"since", required_argument, nullptr, 'S'},
+    {"until", required_argument, nullptr, 'U'},
     {"tag", required_argument, nullptr, kTag},
     {"grep", required_argument, nullptr, kGrep},
     {"lines", required_argument, nullptr, 'n'},
+    {"reverse", no_argument, nullptr, 'r'},
     {"follow", no_argument, nullptr, 'f'},
+    {"utc", no_argument, nullptr, kUtc},
+    {"quiet", no_argument, nullptr, 'q'},
+    {"version", no_argument, nullptr, kVersion},
     {"help", no_argument, nullptr, 'h'},
     {nullptr, 0, nullptr, 0},
+};
+
+const std::pair<const char*, OutputFormat> kFormats[] = {
+    {"short", OutputFormat::kShort},     {"pipe", OutputFormat::kPipe},
+    {"json", OutputFormat::kJson},       {"cat", OutputFormat::kCat},
+    {"verbose", OutputFormat::kVerbose},
 };
 
 // The option as the user wrote it, without an attached "=value".
@@ -51,26 +63,12 @@ std::string OptionText(char** argv, int index, int shortOption) {
     return text.substr(0, text.find('='));
 }
 
-bool Digits(const char*& p, int count, int& value) {
-    value = 0;
-    for (int i = 0; i < count; ++i, ++p) {
-        if (!std::isdigit(static_cast<unsigned char>(*p))) return false;
-        value = value * 10 + (*p - '0');
-    }
-    return true;
-}
-
-bool Literal(const char*& p, char c) {
-    if (*p != c) return false;
-    ++p;
-    return true;
-}
-
-std::int64_t TimeValue(const std::string& text, const char* option) {
+std::int64_t TimeValue(const std::string& text, const char* option, std::int64_t nowUs) {
     std::int64_t us = 0;
-    if (!ParseLocalTime(text, us)) {
+    if (!ParseTimeSpec(text, nowUs, us)) {
         throw UsageError("bad time '" + text + "' for " + option +
-                         " (use YYYY-MM-DD[ HH:MM[:SS[.ffffff]]])");
+                         " (use YYYY-MM-DD [HH:MM[:SS]], HH:MM[:SS], now, today, yesterday, "
+                         "or -15min, -2h, -1d)");
     }
     return us;
 }
@@ -87,70 +85,52 @@ int ParseLevel(const std::string& text) {
     return -1;
 }
 
-bool ParseLocalTime(const std::string& text, std::int64_t& us) {
-    const char* p = text.c_str();
-    std::tm tm{};
-    int hour = 0;
-    int minute = 0;
-    int second = 0;
-    long fraction = 0;
-    if (!Digits(p, 4, tm.tm_year) || !Literal(p, '-') || !Digits(p, 2, tm.tm_mon) ||
-        !Literal(p, '-') || !Digits(p, 2, tm.tm_mday)) {
-        return false;
-    }
-    if (*p == ' ' || *p == 'T') {
-        ++p;
-        if (!Digits(p, 2, hour) || !Literal(p, ':') || !Digits(p, 2, minute)) return false;
-        if (Literal(p, ':')) {
-            if (!Digits(p, 2, second)) return false;
-            if (Literal(p, '.')) {
-                int digits = 0;
-                for (; std::isdigit(static_cast<unsigned char>(*p)) && digits < 6; ++p, ++digits) {
-                    fraction = fraction * 10 + (*p - '0');
-                }
-                if (digits == 0) return false;
-                for (; digits < 6; ++digits) fraction *= 10;
-            }
-        }
-    }
-    if (*p != '\0') return false;
-    if (tm.tm_mon < 1 || tm.tm_mon > 12 || tm.tm_mday < 1 || tm.tm_mday > 31 || hour > 23 ||
-        minute > 59 || second > 60) {
-        return false;
-    }
-    const int day = tm.tm_mday;
-    tm.tm_year -= 1900;
-    tm.tm_mon -= 1;
-    tm.tm_hour = hour;
-    tm.tm_min = minute;
-    tm.tm_sec = second;
-    tm.tm_isdst = -1;
-    const std::time_t t = std::mktime(&tm);
-    if (tm.tm_mday != day) return false;  // 31 April and the like were normalised
-    us = static_cast<std::int64_t>(t) * 1000000 + fraction;
-    return true;
-}
-
 Options ParseOptions(int argc, char** argv) {
     Options o;
     opterr = 0;
     optind = 0;  // full re-initialisation of getopt
     for (;;) {
-        const int c = getopt_long(argc, argv, ":n:fh", kLongOptions, nullptr);
+        const int c = getopt_long(argc, argv, ":o:n:S:U:rfqh", kLongOptions, nullptr);
         if (c == -1) break;
         const std::string value = optarg != nullptr ? optarg : "";
         switch (c) {
+            case 'o': {
+                bool known = false;
+                for (const auto& [name, format] : kFormats) {
+                    if (value == name) {
+                        o.output = format;
+                        known = true;
+                    }
+                }
+                if (!known) {
+                    throw UsageError("unknown output format '" + value +
+                                     "' (short, pipe, json, cat, verbose)");
+                }
+                break;
+            }
+            case kJson:
+                o.output = OutputFormat::kJson;
+                break;
             case kMicro:
                 o.micro = true;
-                break;
-            case kJson:
-                o.json = true;
                 break;
             case kStats:
                 o.stats = true;
                 break;
+            case 'r':
+                o.reverse = true;
+                break;
             case 'f':
                 o.follow = true;
+                break;
+            case kUtc:
+                o.utc = true;
+                break;
+            case 'q':
+                o.quiet = true;
+                break;
+            case kVersion:
+                o.version = true;
                 break;
             case 'h':
                 o.help = true;
@@ -164,11 +144,11 @@ Options ParseOptions(int argc, char** argv) {
             case kGrep:
                 o.grep = value;
                 break;
-            case kSince:
-                o.sinceUs = TimeValue(value, "--since");
+            case 'S':
+                o.since = value;
                 break;
-            case kUntil:
-                o.untilUs = TimeValue(value, "--until");
+            case 'U':
+                o.until = value;
                 break;
             case kColor:
                 if (value == "auto") {
@@ -211,12 +191,22 @@ Options ParseOptions(int argc, char** argv) {
     for (int i = optind; i < argc; ++i) o.inputs.emplace_back(argv[i]);
     if (o.stats && o.follow) throw UsageError("--stats cannot be combined with --follow");
     if (o.stats && o.lastOnly) throw UsageError("--stats cannot be combined with -n");
+    if (o.reverse && o.follow) throw UsageError("--reverse cannot be combined with --follow");
     return o;
+}
+
+void ResolveTimes(Options& o, std::int64_t nowUs) {
+    if (!o.since.empty()) o.sinceUs = TimeValue(o.since, "--since", nowUs);
+    if (!o.until.empty()) o.untilUs = TimeValue(o.until, "--until", nowUs);
 }
 
 const char* HelpText() {
     return R"(Usage: zmlog [OPTION]... [DIRECTORY | FILE...]
-Print the records of the runtime's binary log ("RUNTIME.data") as text lines.
+Print the records of the runtime's binary log ("RUNTIME.data"), of every
+program, one line each:
+
+  2024-05-17 13:04:59.123 PressLine7[4711] INFO main: net link up
+  (local time, program[thread id], level, function: tag and content)
 
 With no argument zmlog reads the installation's log directory: $ZM_VELDOR_DATA/log,
 or /data/VeldorRuntime/log when ZM_VELDOR_DATA is not set. A directory is read as
@@ -226,38 +216,50 @@ of one rolled set are put oldest first. A record cut by a roll is joined again.
 Lines come in file order, which is the order of arrival from all programs.
 
 Output:
-      --micro         time stamps with microseconds instead of milliseconds
-      --json          JSON Lines, one object per record with the fields time
-                      (local, ISO 8601 with offset), time_us, thread, level,
-                      program, function, tag, content, component and binary;
-                      the content of a binary record is its bytes as one
-                      lower-case hex string, and binary is true
-      --color=WHEN    colour the level names: auto (only on a terminal and
-                      when NO_COLOR is not set), always or never
-      --stats         instead of lines: records per program and level, the time
-                      span and the damaged bytes skipped (as JSON with --json)
+  -o, --output=FORMAT  short (the default, as above); pipe (the library's own
+                       line: time|thread|LEVEL|function|tag+content); json (JSON
+                       Lines: time, time_us, thread, level, program, function,
+                       tag, content, type, value, component, binary); cat (tag
+                       and content only); verbose (every field of the record,
+                       one per line, a blank line after each record)
+      --json           the same as --output=json
+      --micro          time stamps with microseconds instead of milliseconds
+      --utc            times in UTC, printed and read (--since, --until)
+      --color=WHEN     colour the level names: auto (only on a terminal and
+                       when NO_COLOR is not set), always or never
+  -r, --reverse        newest first (holds the selected lines in memory)
+      --stats          instead of lines: records per program and level, the time
+                       span and the damaged bytes skipped (as JSON with --json)
+  -q, --quiet          no notes on standard error (damaged bytes, text logs)
 
 Filters (a record must pass all that are given):
-      --program=NAME  only records of program NAME (may be repeated); NAME is
-                      also added to the program names the decoder accepts
-      --level=LEVEL   only records of LEVEL or above: trace, debug, info, warn,
-                      error, fatal, record (any case) or 0 to 6
-      --since=TIME    only records at or after TIME, a local time stamp
-                      YYYY-MM-DD[ HH:MM[:SS[.ffffff]]] ('T' may replace the blank)
-      --until=TIME    only records at or before TIME
-      --tag=TAG       only records with tag TAG (may be repeated)
-      --grep=TEXT     only records whose function, tag or content contains TEXT
-                      (plain text, case sensitive)
-  -n, --lines=N       only the last N records that pass the filters (with -f,
-                      then every new one)
-  -f, --follow        after the existing records wait for new ones, like
-                      tail -f; keeps following when RUNTIME.data is rolled or
-                      created anew (with files: follows the newest one)
-  -h, --help          show this text
+      --program=NAME   only records of program NAME (may be repeated)
+      --level=LEVEL    only records of LEVEL or above: trace, debug, info, warn,
+                       error, fatal, record (any case) or 0 to 6
+  -S, --since=TIME     only records at or after TIME
+  -U, --until=TIME     only records at or before TIME
+                       TIME: YYYY-MM-DD[ HH:MM[:SS[.ffffff]]] ('T' may replace
+                       the blank), HH:MM[:SS] (today), now, today, yesterday,
+                       tomorrow, or relative to now: -15min, -2h, -1d, +30s,
+                       -1h30min (units us, ms, s, m or min, h, d, w)
+      --tag=TAG        only records with tag TAG (may be repeated)
+      --grep=TEXT      only records whose function, tag or content contains TEXT
+                       (plain text, case sensitive)
+  -n, --lines=N        only the last N records that pass the filters (with -f,
+                       then every new one; with -r, the last N newest first)
+  -f, --follow         after the existing records wait for new ones, like
+                       tail -f; every file of the rolled set is read as it
+                       appears, however often the log rolls meanwhile
+      --version        show the version
+  -h, --help           show this text
 
-Records of programs the decoder does not know and damaged bytes are skipped;
---stats counts the damaged bytes.
-Exit status: 0 on success, 1 when an input cannot be read, 2 for a bad command line.
+Records are found by their framing, whatever program wrote them. Damaged bytes
+are skipped and counted: one line on standard error says how many, and where.
+A file without a single record is printed as it is when it holds text (the
+text log of a process without an installation), and is an error otherwise.
+
+Exit status: 0 on success, 1 when an input cannot be read, 2 for a bad command
+line, 3 when the input holds no log record and no text.
 )";
 }
 

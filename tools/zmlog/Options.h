@@ -22,18 +22,29 @@ class UsageError : public std::runtime_error {
 
 enum class ColorMode { kAuto, kAlways, kNever };
 
+// short: "2024-05-17 13:04:59.123 PressLine7[4711] INFO main: net link up";
+// pipe: the library's own line; json: JSON Lines; cat: tag and content;
+// verbose: every field of the record, one per line.
+enum class OutputFormat { kShort, kPipe, kJson, kCat, kVerbose };
+
 struct Options {
     std::vector<std::string> inputs;  // one directory, or files
     bool help = false;
+    bool version = false;
+    OutputFormat output = OutputFormat::kShort;
     bool micro = false;
-    bool json = false;
     bool stats = false;
     bool follow = false;
+    bool reverse = false;
+    bool utc = false;
+    bool quiet = false;
     ColorMode color = ColorMode::kAuto;
 
     std::vector<std::string> programs;
     std::vector<std::string> tags;
     int minLevel = 0;
+    std::string since;  // as given; ResolveTimes turns them into sinceUs, untilUs
+    std::string until;
     std::int64_t sinceUs = INT64_MIN;
     std::int64_t untilUs = INT64_MAX;
     std::string grep;
@@ -43,11 +54,12 @@ struct Options {
 
 // Throws UsageError.
 Options ParseOptions(int argc, char** argv);
+// --since and --until against the clock, in the process's time zone (after
+// --utc took effect). Throws UsageError.
+void ResolveTimes(Options& o, std::int64_t nowUs);
 const char* HelpText();
 
 // "trace" ... "record" in any case, or 0 to 6.
 int ParseLevel(const std::string& text);
-// Local "YYYY-MM-DD[( |T)HH:MM[:SS[.ffffff]]]" to microseconds since the epoch.
-bool ParseLocalTime(const std::string& text, std::int64_t& us);
 
 }  // namespace PF::Utils::LOG::zmlog

@@ -1,40 +1,42 @@
-// Renders walked records: the library's own text line (millisecond or
-// microsecond formatter), optionally with a coloured level name, or one JSON
-// object per record.
+// Renders walked records in the chosen output format (see OutputFormat):
+// short and cat here, the library's own line (pipe) through its formatter,
+// json and verbose beside this file.
 #pragma once
 
-#include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "LocalClock.h"
+#include "Options.h"
 #include "decode/RecordWalker.h"
 
 namespace PF::Utils::LOG::zmlog {
 
 class RecordFormatter {
   public:
-    RecordFormatter(bool json, bool color) : json_(json), color_(color) {}
+    RecordFormatter(const Options& o, bool color);
 
-    // Appends the record's line and a newline to out.
+    // Appends the record's text (a line, or the verbose block) to out.
     void Append(WalkedRecord& r, std::string& out);
-    // The content as the text line shows it.
+    // The content as the library renders it.
     std::string Content(WalkedRecord& r);
 
   private:
-    void AppendText(WalkedRecord& r, std::string& out);
-    void AppendJson(WalkedRecord& r, std::string& out);
+    void AppendShort(WalkedRecord& r, std::string& out);
+    void AppendPipe(WalkedRecord& r, std::string& out);
+    void AppendTagAndContent(WalkedRecord& r, std::string& out);
+    void AppendLevel(unsigned level, std::string& out);
     char* Body(WalkedRecord& r);
+    char* ContentBytes(WalkedRecord& r) { return Body(r) + (r.content.data() - r.body); }
 
-    bool json_;
+    OutputFormat format_;
+    bool micro_;
     bool color_;
     std::string padded_;
+    std::string levels_[8];
     LocalClock clock_;
 };
 
-// JSON string literal of arbitrary bytes: escapes as needed, and replaces
-// bytes that are not UTF-8 with U+FFFD so the output stays valid JSON.
-void AppendJsonString(std::string& out, std::string_view text);
+// The library's name of a level ("INFO"); nothing for level 7.
 void AppendLevelName(std::string& out, unsigned level);
 
 }  // namespace PF::Utils::LOG::zmlog

@@ -1,25 +1,48 @@
-// zmlog: reads the runtime's binary log and prints its records as text lines,
-// JSON Lines or statistics. See HelpText() for the command line.
+// zmlog: reads the runtime's binary log and prints its records, of every
+// program, in one of several formats or as statistics. See HelpText() for
+// the command line.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "Follower.h"
 #include "LogFiles.h"
 #include "LogReader.h"
 #include "Options.h"
 #include "OutputSink.h"
-#include "log/ConfManager.h"
-#include "log/Decode.h"
+#include "TimeSpec.h"
 
-using namespace PF::Utils::LOG;
 using namespace PF::Utils::LOG::zmlog;
 
 namespace {
+
+// The input held neither a record nor text.
+constexpr int kNoRecords = 3;
+
+volatile std::sig_atomic_t gStop = 0;
+
+void OnStopSignal(int sig) {
+    // A second request, or one while output blocks, ends at once.
+    if (gStop != 0) {
+        std::signal(sig, SIG_DFL);
+        std::raise(sig);
+    }
+    gStop = 1;
+}
+
+void Note(const std::string& text) {
+    std::fprintf(stderr, "zmlog: %s\n", text.c_str());
+    std::fflush(stderr);
+}
 
 bool UseColor(ColorMode mode) {
     if (mode != ColorMode::kAuto) return mode == ColorMode::kAlways;
@@ -32,50 +55,158 @@ bool IsDirectory(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-int Run(const Options& o, OutputSink& out) {
-    // As the library's parser does for the program it is asked for: a name
-    // outside the built-in list is accepted once it is named.
-    for (const std::string& name : o.programs) AddVaildProgram(name);
-    if (o.micro) gParseLogFunction = ParseLogLineMicroSecond;
+// The installation's log directory by the library's rule, without the notes
+// its set-up prints on standard error: zmlog only reads files.
+std::string DefaultLogDirectory() {
+    const char* data = std::getenv("ZM_VELDOR_DATA");
+    return data != nullptr ? std::string(data) + "/log" : "/data/VeldorRuntime/log";
+}
+
+// One line on the damage found since the last report: "skipped 1230 damaged
+// bytes in log/RUNTIME.data_1", or with several files "skipped 1500 damaged
+// bytes (1230 in log/RUNTIME.data_1, 270 in log/RUNTIME.data)".
+class DamageReport {
+  public:
+    void Print(const RecordSource& source) {
+        const auto& files = source.Files();
+        reported_.resize(files.size(), 0);
+        std::uint64_t total = 0;
+        std::vector<std::string> where;
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            const std::uint64_t n = files[i].damagedBytes - reported_[i];
+            if (n == 0) continue;
+            total += n;
+            reported_[i] = files[i].damagedBytes;
+            where.push_back(std::to_string(n) + " in " +
+                            (files[i].path.empty() ? "the input" : files[i].path));
+        }
+        if (total == 0) return;
+        std::string text = "skipped " + std::to_string(total) + " damaged bytes ";
+        if (where.size() == 1) {
+            text += where[0].substr(where[0].find(" in ") + 1);
+        } else {
+            for (std::size_t i = 0; i < where.size(); ++i) text += (i == 0 ? "(" : ", ") + where[i];
+            text += ')';
+        }
+        Note(text);
+    }
+
+  private:
+    std::vector<std::uint64_t> reported_;
+};
+
+// A file without records: text (a private process's log) is shown as it
+// is. Allows a few control bytes, never a zero byte.
+bool LooksLikeText(int fd) {
+    char buf[1 << 16];
+    std::uint64_t total = 0;
+    std::uint64_t control = 0;
+    for (off_t at = 0;;) {
+        const ssize_t n = ::pread(fd, buf, sizeof buf, at);
+        if (n < 0) return false;
+        if (n == 0) break;
+        for (ssize_t i = 0; i < n; ++i) {
+            const auto c = static_cast<unsigned char>(buf[i]);
+            if (c == 0) return false;
+            if ((c < 0x20 && c != '\n' && c != '\t' && c != '\r' && c != 0x1B) || c == 0x7F)
+                ++control;
+        }
+        total += static_cast<std::uint64_t>(n);
+        at += n;
+    }
+    return total > 0 && control * 100 <= total;
+}
+
+void Cat(int fd, OutputSink& out) {
+    char buf[1 << 16];
+    for (off_t at = 0;;) {
+        const ssize_t n = ::pread(fd, buf, sizeof buf, at);
+        if (n <= 0) break;
+        out.Write(std::string_view(buf, static_cast<std::size_t>(n)));
+        at += n;
+    }
+}
+
+int Run(Options& o, OutputSink& out) {
+    if (o.utc) {
+        // Also the library's line formatter reads local time.
+        ::setenv("TZ", "UTC0", 1);
+        ::tzset();
+    }
+    ResolveTimes(o, NowUs());
 
     std::vector<std::string> paths;
-    std::string followPath;
+    RolledSet followed;
     const bool directory = o.inputs.empty() || (o.inputs.size() == 1 && IsDirectory(o.inputs[0]));
     if (directory) {
-        // The library's own log directory; it may say on stderr that the
-        // environment is not set, as every process of the library does.
-        const std::string dir = o.inputs.empty() ? InitConfAndLogPath().second : o.inputs[0];
-        paths = ListRolledSet(dir);
-        followPath = PathIn(dir, kDataFileName);
+        followed = {o.inputs.empty() ? DefaultLogDirectory() : o.inputs[0], kDataFileName};
+        paths = ListRolledSet(followed.dir);
         if (paths.empty() && !o.follow) {
-            throw Error(std::string("no ") + kDataFileName + " in " + dir);
+            throw Error(std::string("no ") + kDataFileName + " in " + followed.dir);
         }
     } else {
         paths = OrderRolledFiles(o.inputs);
-        followPath = paths.back();
+        followed = RolledSetOf(paths.back());
     }
     // In a directory a file may be rolled away between listing and opening.
     std::vector<InputFile> files = OpenFiles(paths, directory);
 
     LogReader reader(o, UseColor(o.color), out);
-    for (const InputFile& f : files) ReadToEnd(f.Fd(), f.Path(), reader);
+    RecordSource& source = reader.Source();
+    for (const InputFile& f : files) {
+        source.BeginFile(f.Path(), f.Id());
+        ReadToEnd(f.Fd(), f.Path(), source);
+    }
+    DamageReport damage;
+    const auto report = [&] {
+        if (!o.quiet) damage.Print(source);
+    };
     if (!o.follow) {
-        reader.EndOfStream();
+        source.EndOfStream();
+        if (source.Records() == 0 && source.Bytes() > 0) {
+            const std::string what = directory           ? followed.dir
+                                     : files.size() == 1 ? files[0].Path()
+                                                         : "the files";
+            for (const InputFile& f : files) {
+                if (!LooksLikeText(f.Fd())) {
+                    Note("no log record in " + what + " (" + std::to_string(source.Bytes()) +
+                         " bytes): not a log of the runtime");
+                    return kNoRecords;
+                }
+            }
+            if (!o.quiet) Note(what + " holds text, not log records: shown as it is");
+            for (const InputFile& f : files) Cat(f.Fd(), out);
+            out.Flush();
+            return 0;
+        }
         reader.Finish();
         out.Flush();
+        report();
         return 0;
     }
     reader.Finish();
     out.Flush();
-    const int fd =
-        !files.empty() && files.back().Path() == followPath ? files.back().Release() : -1;
-    files.clear();
-    Follower(followPath, fd, reader, out).Run();
-}
+    report();
 
-void Fail(const char* message) {
-    std::fprintf(stderr, "zmlog: %s\n", message);
-    std::fflush(stderr);
+    InputFile current;
+    std::vector<FileId> older;
+    for (InputFile& f : files) {
+        if (current.IsOpen()) older.push_back(current.Id());
+        current = std::move(f);
+    }
+    files.clear();
+    struct sigaction stop {};
+    stop.sa_handler = OnStopSignal;
+    sigemptyset(&stop.sa_mask);
+    ::sigaction(SIGINT, &stop, nullptr);
+    ::sigaction(SIGTERM, &stop, nullptr);
+    Follower(followed, std::move(current), std::move(older), source).Run(gStop, [&] {
+        out.Flush();
+        report();
+    });
+    out.Flush();
+    report();
+    return 0;
 }
 
 }  // namespace
@@ -83,25 +214,25 @@ void Fail(const char* message) {
 int main(int argc, char** argv) {
     OutputSink out(STDOUT_FILENO);
     try {
-        const Options o = ParseOptions(argc, argv);
-        if (o.help) {
-            out.Write(HelpText());
+        Options o = ParseOptions(argc, argv);
+        if (o.help || o.version) {
+            out.Write(o.help ? HelpText() : "zmlog " ZMLOG_VERSION "\n");
             out.Flush();
             return 0;
         }
         return Run(o, out);
     } catch (const UsageError& e) {
-        Fail(e.what());
+        Note(e.what());
         return 2;
     } catch (const std::bad_alloc&) {
-        Fail("out of memory");
+        Note("out of memory");
     } catch (const std::exception& e) {
         // What was read before the failure is still shown, then the reason.
         try {
             out.Flush();
         } catch (...) {
         }
-        Fail(e.what());
+        Note(e.what());
     }
     return 1;
 }
