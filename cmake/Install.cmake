@@ -1,6 +1,7 @@
-# Installation: the library with its SONAME, the public headers, zmlog, an
-# example configuration, a CMake package (find_package(ZMRuntimeLog CONFIG)
-# gives ZMRuntimeLog::ZMRuntimeLog) and a pkg-config file.
+# Installation: the library with its SONAME, the public headers, zmlog, the
+# runtime program zmlog-runtime with its systemd unit, an example
+# configuration, a CMake package (find_package(ZMRuntimeLog CONFIG) gives
+# ZMRuntimeLog::ZMRuntimeLog) and a pkg-config file.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -16,10 +17,19 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/log
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev
   FILES_MATCHING PATTERN "*.h")
 
-if(TARGET zmlog)
-  # Finds the library of its own installation without LD_LIBRARY_PATH.
-  set_target_properties(zmlog PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
-  install(TARGETS zmlog RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+foreach(tool zmlog zmlog-runtime)
+  if(TARGET ${tool})
+    # Finds the library of its own installation without LD_LIBRARY_PATH.
+    set_target_properties(${tool} PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+  endif()
+endforeach()
+if(TARGET zmlog-runtime)
+  set(ZMLOG_RUNTIME_PATH ${CMAKE_INSTALL_FULL_BINDIR}/zmlog-runtime)
+  configure_file(${PROJECT_SOURCE_DIR}/tools/runtime/zmlog-runtime.service.in
+    ${PROJECT_BINARY_DIR}/zmlog-runtime.service @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/zmlog-runtime.service
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/ZMRuntimeLog COMPONENT runtime)
 endif()
 
 install(FILES ${PROJECT_SOURCE_DIR}/config/RUNTIMELOG.cfg.example
