@@ -31,10 +31,11 @@ bool RecordWalker::PlausibleHeader(const LogHead& h) {
 }
 
 bool RecordWalker::PlausibleName(std::string_view name) {
-    for (const char c : name) {
-        if (static_cast<unsigned char>(c) - 0x20U > 0x7EU - 0x20U) return false;
-    }
-    return true;
+    // No early exit: the loop vectorises, and names are short.
+    unsigned bad = 0;
+    for (const char c : name)
+        bad |= static_cast<unsigned>(static_cast<unsigned char>(c) - 0x20U > 0x7EU - 0x20U);
+    return bad == 0;
 }
 
 char* RecordWalker::Reserve(std::size_t n) {

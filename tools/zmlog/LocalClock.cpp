@@ -10,7 +10,7 @@ void AppendFraction(std::int64_t micro, int digits, std::string& out) {
     char text[8];
     text[0] = '.';
     for (int i = 6; i >= 1; --i, micro /= 10) text[i] = static_cast<char>('0' + micro % 10);
-    out.append(text, static_cast<std::size_t>(1 + digits));
+    out.append(text, 1 + static_cast<std::size_t>(digits));
 }
 
 }  // namespace

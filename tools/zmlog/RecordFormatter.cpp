@@ -1,5 +1,6 @@
 #include "RecordFormatter.h"
 
+#include <algorithm>
 #include <charconv>
 
 #include "JsonFormat.h"
@@ -101,16 +102,37 @@ void RecordFormatter::AppendTagAndContent(WalkedRecord& r, std::string& out) {
 void RecordFormatter::AppendShort(WalkedRecord& r, std::string& out) {
     const std::size_t start = out.size();
     clock_.AppendPlain(r.head.timeUs, out, micro_ ? 6 : 3);
-    out.push_back(' ');
-    out.append(r.program);
-    out.push_back('[');
-    char id[16];
-    out.append(id, std::to_chars(id, id + sizeof id, r.head.threadId).ptr);
-    out.append("] ");
-    AppendLevel(r.head.flags & 7U, out);
-    out.push_back(' ');
-    out.append(r.function);
-    out.append(": ");
+    // " program[thread] LEVEL function: " in one piece: appending field by
+    // field costs more than the rest of the line.
+    char head[512];
+    const unsigned level = r.head.flags & 7U;
+    const std::string& name = levels_[level];
+    const bool colored = color_ && kLevelColors[level][0] != '\0';
+    if (!colored && r.program.size() + r.function.size() + name.size() + 32 <= sizeof head) {
+        char* at = head;
+        *at++ = ' ';
+        at = std::copy(r.program.begin(), r.program.end(), at);
+        *at++ = '[';
+        at = std::to_chars(at, at + 16, r.head.threadId).ptr;
+        *at++ = ']';
+        *at++ = ' ';
+        at = std::copy(name.begin(), name.end(), at);
+        *at++ = ' ';
+        at = std::copy(r.function.begin(), r.function.end(), at);
+        *at++ = ':';
+        *at++ = ' ';
+        out.append(head, static_cast<std::size_t>(at - head));
+    } else {
+        out.push_back(' ');
+        out.append(r.program);
+        out.push_back('[');
+        out.append(head, std::to_chars(head, head + 16, r.head.threadId).ptr);
+        out.append("] ");
+        AppendLevel(level, out);
+        out.push_back(' ');
+        out.append(r.function);
+        out.append(": ");
+    }
     AppendTagAndContent(r, out);
     EndLine(out, start);
 }

@@ -200,7 +200,8 @@ int Run(Options& o, OutputSink& out) {
     sigemptyset(&stop.sa_mask);
     ::sigaction(SIGINT, &stop, nullptr);
     ::sigaction(SIGTERM, &stop, nullptr);
-    Follower(followed, std::move(current), std::move(older), source).Run(gStop, [&] {
+    Follower follower(followed, std::move(current), std::move(older), source);
+    follower.Run(gStop, [&] {
         out.Flush();
         report();
     });
