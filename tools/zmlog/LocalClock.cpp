@@ -1,5 +1,6 @@
 #include "LocalClock.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -49,9 +50,18 @@ void LocalClock::AppendIso(std::int64_t timeUs, std::string& out) {
 }
 
 void LocalClock::AppendPlain(std::int64_t timeUs, std::string& out, int digits) {
-    const std::int64_t fraction = Load(timeUs);
-    out.append(plain_);
-    AppendFraction(fraction, digits, out);
+    char text[32];
+    out.append(text, WritePlain(timeUs, text, digits));
+}
+
+char* LocalClock::WritePlain(std::int64_t timeUs, char* at, int digits) {
+    std::int64_t fraction = Load(timeUs);
+    at = std::copy(plain_.begin(), plain_.end(), at);
+    *at = '.';
+    for (int i = 6; i >= 1; --i, fraction /= 10) {
+        if (i <= digits) at[i] = static_cast<char>('0' + fraction % 10);
+    }
+    return at + 1 + digits;
 }
 
 }  // namespace PF::Utils::LOG::zmlog

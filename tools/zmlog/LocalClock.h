@@ -14,6 +14,8 @@ class LocalClock {
     void AppendIso(std::int64_t timeUs, std::string& out);
     // "2024-05-17 13:04:59.123456", or with digits 3 "2024-05-17 13:04:59.123"
     void AppendPlain(std::int64_t timeUs, std::string& out, int digits = 6);
+    // The same written at at (room for 32 bytes); returns its end.
+    char* WritePlain(std::int64_t timeUs, char* at, int digits);
 
   private:
     // Loads the second of timeUs; returns the microseconds within it.

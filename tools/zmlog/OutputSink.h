@@ -10,7 +10,9 @@ namespace PF::Utils::LOG::zmlog {
 class OutputSink {
   public:
     // fd < 0 keeps everything in memory (for tests and the fuzz target).
-    explicit OutputSink(int fd) : fd_(fd) {}
+    explicit OutputSink(int fd) : fd_(fd) {
+        if (fd_ >= 0) text_.reserve(2 * kBlock);
+    }
     OutputSink(const OutputSink&) = delete;
     OutputSink& operator=(const OutputSink&) = delete;
 

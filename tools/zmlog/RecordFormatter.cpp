@@ -101,15 +101,14 @@ void RecordFormatter::AppendTagAndContent(WalkedRecord& r, std::string& out) {
 
 void RecordFormatter::AppendShort(WalkedRecord& r, std::string& out) {
     const std::size_t start = out.size();
-    clock_.AppendPlain(r.head.timeUs, out, micro_ ? 6 : 3);
-    // " program[thread] LEVEL function: " in one piece: appending field by
-    // field costs more than the rest of the line.
+    // "time program[thread] LEVEL function: " in one piece: appending field
+    // by field costs more than the rest of the line.
     char head[512];
     const unsigned level = r.head.flags & 7U;
     const std::string& name = levels_[level];
     const bool colored = color_ && kLevelColors[level][0] != '\0';
-    if (!colored && r.program.size() + r.function.size() + name.size() + 32 <= sizeof head) {
-        char* at = head;
+    if (!colored && r.program.size() + r.function.size() + name.size() + 64 <= sizeof head) {
+        char* at = clock_.WritePlain(r.head.timeUs, head, micro_ ? 6 : 3);
         *at++ = ' ';
         at = std::copy(r.program.begin(), r.program.end(), at);
         *at++ = '[';
@@ -123,6 +122,7 @@ void RecordFormatter::AppendShort(WalkedRecord& r, std::string& out) {
         *at++ = ' ';
         out.append(head, static_cast<std::size_t>(at - head));
     } else {
+        clock_.AppendPlain(r.head.timeUs, out, micro_ ? 6 : 3);
         out.push_back(' ');
         out.append(r.program);
         out.push_back('[');
