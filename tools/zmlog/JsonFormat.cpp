@@ -15,7 +15,8 @@ void AppendNumber(std::string& out, T value) {
     out.append(text, std::to_chars(text, text + sizeof text, value).ptr);
 }
 
-// Length of a valid UTF-8 sequence at text[i], 0 when there is none.
+}  // namespace
+
 std::size_t Utf8Length(std::string_view text, std::size_t i) {
     const auto b = [&](std::size_t k) { return static_cast<unsigned char>(text[i + k]); };
     const auto cont = [&](std::size_t k) { return i + k < text.size() && (b(k) & 0xC0) == 0x80; };
@@ -35,8 +36,6 @@ std::size_t Utf8Length(std::string_view text, std::size_t i) {
     }
     return 0;
 }
-
-}  // namespace
 
 void AppendJsonString(std::string& out, std::string_view text) {
     static const char kHex[] = "0123456789abcdef";

@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "TimeSpec.h"
+#include "forward/SyslogEncoder.h"
 
 namespace PF::Utils::LOG::zmlog {
 namespace {
@@ -25,6 +26,13 @@ enum LongOnly {
     kGrep,
     kUtc,
     kVersion,
+    kForward,
+    kTlsCa,
+    kTlsCert,
+    kTlsKey,
+    kFacility,
+    kHostname,
+    kCursorFile,
 };
 
 const option kLongOptions[] = {
@@ -45,6 +53,13 @@ const option kLongOptions[] = {
     {"utc", no_argument, nullptr, kUtc},
     {"quiet", no_argument, nullptr, 'q'},
     {"version", no_argument, nullptr, kVersion},
+    {"forward", required_argument, nullptr, kForward},
+    {"tls-ca", required_argument, nullptr, kTlsCa},
+    {"tls-cert", required_argument, nullptr, kTlsCert},
+    {"tls-key", required_argument, nullptr, kTlsKey},
+    {"facility", required_argument, nullptr, kFacility},
+    {"hostname", required_argument, nullptr, kHostname},
+    {"cursor-file", required_argument, nullptr, kCursorFile},
     {"help", no_argument, nullptr, 'h'},
     {nullptr, 0, nullptr, 0},
 };
@@ -52,7 +67,7 @@ const option kLongOptions[] = {
 const std::pair<const char*, OutputFormat> kFormats[] = {
     {"short", OutputFormat::kShort},     {"pipe", OutputFormat::kPipe},
     {"json", OutputFormat::kJson},       {"cat", OutputFormat::kCat},
-    {"verbose", OutputFormat::kVerbose},
+    {"verbose", OutputFormat::kVerbose}, {"syslog", OutputFormat::kSyslog},
 };
 
 // The option as the user wrote it, without an attached "=value".
@@ -104,7 +119,7 @@ Options ParseOptions(int argc, char** argv) {
                 }
                 if (!known) {
                     throw UsageError("unknown output format '" + value +
-                                     "' (short, pipe, json, cat, verbose)");
+                                     "' (short, pipe, json, cat, verbose, syslog)");
                 }
                 break;
             }
@@ -134,6 +149,31 @@ Options ParseOptions(int argc, char** argv) {
                 break;
             case 'h':
                 o.help = true;
+                break;
+            case kForward:
+                o.forward = value;
+                break;
+            case kTlsCa:
+                o.tlsCa = value;
+                break;
+            case kTlsCert:
+                o.tlsCert = value;
+                break;
+            case kTlsKey:
+                o.tlsKey = value;
+                break;
+            case kHostname:
+                o.hostname = value;
+                break;
+            case kCursorFile:
+                o.cursorFile = value;
+                break;
+            case kFacility:
+                o.facility = ParseFacility(value);
+                if (o.facility < 0) {
+                    throw UsageError("unknown facility '" + value +
+                                     "' (kern, user, daemon, ..., local0 ... local7, or 0 to 23)");
+                }
                 break;
             case kProgram:
                 o.programs.push_back(value);
@@ -192,6 +232,23 @@ Options ParseOptions(int argc, char** argv) {
     if (o.stats && o.follow) throw UsageError("--stats cannot be combined with --follow");
     if (o.stats && o.lastOnly) throw UsageError("--stats cannot be combined with -n");
     if (o.reverse && o.follow) throw UsageError("--reverse cannot be combined with --follow");
+    const bool forwarding = !o.forward.empty() || o.output == OutputFormat::kSyslog;
+    if (!o.forward.empty() && o.output != OutputFormat::kShort) {
+        throw UsageError("--forward cannot be combined with --output");
+    }
+    if (forwarding) {
+        const char* option = o.forward.empty() ? "--output=syslog" : "--forward";
+        if (o.stats || o.lastOnly || o.reverse) {
+            throw UsageError(std::string(option) + " cannot be combined with " +
+                             (o.stats      ? "--stats"
+                              : o.lastOnly ? "-n"
+                                           : "--reverse"));
+        }
+    } else if (!o.cursorFile.empty()) {
+        throw UsageError("--cursor-file needs --forward or --output=syslog");
+    }
+    if ((!o.tlsCert.empty()) != (!o.tlsKey.empty()))
+        throw UsageError("--tls-cert and --tls-key go together");
     return o;
 }
 

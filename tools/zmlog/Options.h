@@ -24,8 +24,9 @@ enum class ColorMode { kAuto, kAlways, kNever };
 
 // short: "2024-05-17 13:04:59.123 PressLine7[4711] INFO main: net link up";
 // pipe: the library's own line; json: JSON Lines; cat: tag and content;
-// verbose: every field of the record, one per line.
-enum class OutputFormat { kShort, kPipe, kJson, kCat, kVerbose };
+// verbose: every field of the record, one per line; syslog: the RFC 5424
+// messages --forward sends, one per line.
+enum class OutputFormat { kShort, kPipe, kJson, kCat, kVerbose, kSyslog };
 
 struct Options {
     std::vector<std::string> inputs;  // one directory, or files
@@ -50,6 +51,15 @@ struct Options {
     std::string grep;
     bool lastOnly = false;  // -n given
     std::uint64_t last = 0;
+
+    // Forwarding (--forward, or --output=syslog).
+    std::string forward;  // the collector's URL
+    std::string tlsCa;
+    std::string tlsCert;
+    std::string tlsKey;
+    int facility = 16;  // local0
+    std::string hostname;
+    std::string cursorFile;
 };
 
 // Throws UsageError.

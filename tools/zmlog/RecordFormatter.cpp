@@ -55,6 +55,7 @@ std::string RecordFormatter::Content(WalkedRecord& r) {
 void RecordFormatter::Append(WalkedRecord& r, std::string& out) {
     switch (format_) {
         case OutputFormat::kShort:
+        case OutputFormat::kSyslog:  // syslog messages come from the forwarder, not from here
             AppendShort(r, out);
             break;
         case OutputFormat::kPipe:

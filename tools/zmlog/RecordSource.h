@@ -24,6 +24,14 @@ struct FileId {
     bool operator!=(const FileId& o) const { return !(*this == o); }
 };
 
+// Where a record starts, for good: its file's identity and the offset of
+// its header there.
+struct RecordPos {
+    FileId file;
+    std::uint64_t offset = 0;
+    bool operator==(const RecordPos& o) const { return file == o.file && offset == o.offset; }
+};
+
 struct SourceFile {
     std::string path;  // as opened; a roll may have renamed it since
     FileId id;

@@ -14,12 +14,15 @@
 #include <string>
 #include <vector>
 
+#include "DamageReport.h"
 #include "Follower.h"
 #include "LogFiles.h"
 #include "LogReader.h"
 #include "Options.h"
 #include "OutputSink.h"
 #include "TimeSpec.h"
+#include "forward/Forwarder.h"
+#include "forward/Transport.h"
 
 using namespace PF::Utils::LOG::zmlog;
 
@@ -61,39 +64,6 @@ std::string DefaultLogDirectory() {
     const char* data = std::getenv("ZM_VELDOR_DATA");
     return data != nullptr ? std::string(data) + "/log" : "/data/VeldorRuntime/log";
 }
-
-// One line on the damage found since the last report: "skipped 1230 damaged
-// bytes in log/RUNTIME.data_1", or with several files "skipped 1500 damaged
-// bytes (1230 in log/RUNTIME.data_1, 270 in log/RUNTIME.data)".
-class DamageReport {
-  public:
-    void Print(const RecordSource& source) {
-        const auto& files = source.Files();
-        reported_.resize(files.size(), 0);
-        std::uint64_t total = 0;
-        std::vector<std::string> where;
-        for (std::size_t i = 0; i < files.size(); ++i) {
-            const std::uint64_t n = files[i].damagedBytes - reported_[i];
-            if (n == 0) continue;
-            total += n;
-            reported_[i] = files[i].damagedBytes;
-            where.push_back(std::to_string(n) + " in " +
-                            (files[i].path.empty() ? "the input" : files[i].path));
-        }
-        if (total == 0) return;
-        std::string text = "skipped " + std::to_string(total) + " damaged bytes ";
-        if (where.size() == 1) {
-            text += where[0].substr(where[0].find(" in ") + 1);
-        } else {
-            for (std::size_t i = 0; i < where.size(); ++i) text += (i == 0 ? "(" : ", ") + where[i];
-            text += ')';
-        }
-        Note(text);
-    }
-
-  private:
-    std::vector<std::uint64_t> reported_;
-};
 
 // A file without records: text (a private process's log) is shown as it
 // is. Allows a few control bytes, never a zero byte.
@@ -159,7 +129,8 @@ int Run(Options& o, OutputSink& out) {
     }
     DamageReport damage;
     const auto report = [&] {
-        if (!o.quiet) damage.Print(source);
+        const std::string text = damage.Text(source);
+        if (!o.quiet && !text.empty()) Note(text);
     };
     if (!o.follow) {
         source.EndOfStream();
@@ -210,6 +181,36 @@ int Run(Options& o, OutputSink& out) {
     return 0;
 }
 
+// --forward and --output=syslog.
+int Forward(Options& o) {
+    ResolveTimes(o, NowUs());
+    RolledSet set;
+    if (o.inputs.empty() || (o.inputs.size() == 1 && IsDirectory(o.inputs[0]))) {
+        set = {o.inputs.empty() ? DefaultLogDirectory() : o.inputs[0], kDataFileName};
+        if (!o.follow && ListRolledSet(set.dir).empty())
+            throw Error(std::string("no ") + kDataFileName + " in " + set.dir);
+    } else if (o.inputs.size() == 1) {
+        set = RolledSetOf(o.inputs[0]);
+    } else {
+        throw UsageError("forwarding reads one rolled set: a directory or one file of it");
+    }
+    std::unique_ptr<Transport> transport = MakeTransport(o);
+    // A collector that drops the connection must not end zmlog.
+    std::signal(SIGPIPE, SIG_IGN);
+    struct sigaction stop {};
+    stop.sa_handler = OnStopSignal;
+    sigemptyset(&stop.sa_mask);
+    ::sigaction(SIGINT, &stop, nullptr);
+    ::sigaction(SIGTERM, &stop, nullptr);
+    Forwarder forwarder(o, set, *transport, Note);
+    const bool complete = forwarder.Run(gStop);
+    if (!o.forward.empty() && !o.quiet) {
+        Note("forwarded " + std::to_string(forwarder.Forwarded()) + " records to " + o.forward);
+    }
+    if (!complete) Note("stopped before everything was forwarded");
+    return complete ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -221,6 +222,7 @@ int main(int argc, char** argv) {
             out.Flush();
             return 0;
         }
+        if (!o.forward.empty() || o.output == OutputFormat::kSyslog) return Forward(o);
         return Run(o, out);
     } catch (const UsageError& e) {
         Note(e.what());
