@@ -184,6 +184,7 @@ int Run(Options& o, OutputSink& out) {
 // --forward and --output=syslog.
 int Forward(Options& o) {
     ResolveTimes(o, NowUs());
+    std::unique_ptr<Transport> transport = MakeTransport(o);
     RolledSet set;
     if (o.inputs.empty() || (o.inputs.size() == 1 && IsDirectory(o.inputs[0]))) {
         set = {o.inputs.empty() ? DefaultLogDirectory() : o.inputs[0], kDataFileName};
@@ -194,7 +195,6 @@ int Forward(Options& o) {
     } else {
         throw UsageError("forwarding reads one rolled set: a directory or one file of it");
     }
-    std::unique_ptr<Transport> transport = MakeTransport(o);
     // A collector that drops the connection must not end zmlog.
     std::signal(SIGPIPE, SIG_IGN);
     struct sigaction stop {};

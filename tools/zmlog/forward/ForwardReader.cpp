@@ -13,7 +13,8 @@
 namespace PF::Utils::LOG::zmlog {
 namespace {
 
-constexpr std::size_t kChunk = 1 << 20;
+// A batch: what one read brings, a few thousand records.
+constexpr std::size_t kChunk = 256 << 10;
 // Deleted files held at most: two files' worth of disk beyond the log's own.
 constexpr std::size_t kHeldGone = 2;
 

@@ -14,6 +14,13 @@ constexpr int kLongestPauseMs = 5000;
 // Ticks without a new record before the transport is asked to confirm the
 // rest (RELP then closes its session, to open a new one on the next record).
 constexpr int kIdleTicksBeforeConfirm = 10;
+constexpr std::int64_t kCursorEveryMs = 100;
+
+std::int64_t NowMs() {
+    timespec t{};
+    ::clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<std::int64_t>(t.tv_sec) * 1000 + t.tv_nsec / 1000000;
+}
 
 }  // namespace
 
@@ -62,6 +69,11 @@ void Forwarder::SaveCursor() {
     if (!cursorDirty_ || o_.cursorFile.empty()) return;
     WriteCursor(o_.cursorFile, cursor_);
     cursorDirty_ = false;
+    savedMs_ = NowMs();
+}
+
+std::int64_t Forwarder::SinceCursorMs() const {
+    return NowMs() - savedMs_;
 }
 
 void Forwarder::Lost(std::uint64_t records) {
@@ -92,6 +104,12 @@ bool Forwarder::Deliver(const volatile std::sig_atomic_t& stop, bool confirm) {
             while (sent_ < pending_.size()) {
                 transport_.Send(pending_[sent_].text);
                 ++sent_;
+                // A long batch moves the cursor on the way, so a forwarder
+                // killed outright sends little again.
+                if (sent_ % 256 == 0 && SinceCursorMs() >= kCursorEveryMs) {
+                    PopConfirmed();
+                    SaveCursor();
+                }
             }
             transport_.Flush();
             if (confirm) transport_.Confirm();

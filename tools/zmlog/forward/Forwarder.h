@@ -47,6 +47,7 @@ class Forwarder {
     bool Deliver(const volatile std::sig_atomic_t& stop, bool confirm);
     void PopConfirmed();
     void SaveCursor();
+    std::int64_t SinceCursorMs() const;
     // Waits ms, looking after the log's files meanwhile; false on stop.
     bool Pause(int ms, const volatile std::sig_atomic_t& stop);
     void Lost(std::uint64_t records);
@@ -68,6 +69,7 @@ class Forwarder {
     bool skipping_ = false;
     RecordPos cursor_;
     bool cursorDirty_ = false;
+    std::int64_t savedMs_ = 0;
     std::uint64_t forwarded_ = 0;
     DamageReport damage_;
 };
