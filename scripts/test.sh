@@ -4,8 +4,13 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+# zmlog --forward needs librelp and GnuTLS; its tests a real rsyslogd with
+# its RELP and TLS modules, and openssl for their certificates.
 scripts/install-missing.sh cmake make g++ pkg-config \
-  /usr/include/gtest/gtest.h=libgtest-dev /usr/include/benchmark/benchmark.h=libbenchmark-dev
+  /usr/include/gtest/gtest.h=libgtest-dev /usr/include/benchmark/benchmark.h=libbenchmark-dev \
+  /usr/include/librelp.h=librelp-dev /usr/include/gnutls/gnutls.h=libgnutls28-dev \
+  /usr/sbin/rsyslogd=rsyslog /usr/lib/x86_64-linux-gnu/rsyslog/imrelp.so=rsyslog-relp \
+  /usr/lib/x86_64-linux-gnu/rsyslog/lmnsd_gtls.so=rsyslog-gnutls openssl
 
 build_dir=${BUILD_DIR:-build}
 cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZMLOG_BUILD_BENCH=ON

@@ -127,8 +127,10 @@ class TestLog {
         }
         return s.expected;
     }
-    void Roll() {
-        for (int n = 8; n >= 0; --n) {
+    // keep: files in the set after the roll, the oldest deleted.
+    void Roll(int keep = 10) {
+        std::filesystem::remove(Current() + "_" + std::to_string(keep - 1));
+        for (int n = keep - 2; n >= 0; --n) {
             const std::string from = n == 0 ? Current() : Current() + "_" + std::to_string(n);
             if (zmtest::Exists(from))
                 std::filesystem::rename(from, Current() + "_" + std::to_string(n + 1));
@@ -176,6 +178,59 @@ Figures Count(const std::vector<std::string>& expected, const std::vector<std::s
 void PrintFigures(const std::string& transport, std::size_t sent, const Figures& f) {
     std::printf("[ figures  ] %-8s sent %zu, arrived %zu (distinct %zu), duplicated %zu\n",
                 transport.c_str(), sent, f.arrived, f.distinct, f.duplicated);
+}
+
+// --output=syslog prints what --forward sends; with a cursor file it goes on
+// where the last run stopped.
+TEST(SyslogOutputTest, CursorResumesAfterTheLastRecordDelivered) {
+    zmtest::TempInstall install;
+    TestLog log(install.LogDir());
+    const std::string cursor = install.Root() + "/cursor";
+    const auto run = [&](std::vector<std::string> args) {
+        args.insert(args.end(),
+                    {"-o", "syslog", "--hostname=plc7", "--cursor-file=" + cursor, log.Dir()});
+        return zmtest::RunHelper(kZmlog, "zmlog", args, {"TZ=UTC"}, 20s, install.Root());
+    };
+    const auto lines = [](const std::vector<std::string>& messages) {
+        std::string text;
+        for (const std::string& m : messages) text += m + "\n";
+        return text;
+    };
+    std::vector<std::string> all;
+    for (int i = 0; i < 3; ++i) all.push_back(log.AppendRecord(i));
+    auto r = run({});
+    EXPECT_EQ(r.out, lines(all));
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(run({}).out, "");  // all delivered
+
+    // New records, one of them cut by a roll: only they come.
+    std::vector<std::string> fresh;
+    for (int i = 3; i < 6; ++i) fresh.push_back(log.AppendRecord(i, i == 4 ? 1 : -1));
+    all.insert(all.end(), fresh.begin(), fresh.end());
+    EXPECT_EQ(run({}).out, lines(fresh));
+
+    // A cursor that cannot be trusted starts again from the oldest file.
+    const std::string damaged = "zmlog: WARN: cursor file " + cursor + " is damaged (";
+    const std::string oldest = "): forwarding from the oldest file\n";
+    const std::pair<std::string, std::string> cursors[] = {
+        {"", damaged + "it is empty" + oldest},
+        {"zmlog-cursor 1\nfile 1:2\noffset x\n", damaged + "it does not hold a position" + oldest},
+        {"zmlog-cursor 1\nfile 1:2\noffset 0\n",
+         "zmlog: WARN: the log rolled past the cursor while nothing was forwarded: the records "
+         "after it, in a file no longer in " +
+             log.Dir() + ", are lost; forwarding from the oldest file\n"},
+    };
+    for (const auto& [text, warning] : cursors) {
+        zmtest::WriteFile(cursor, text);
+        r = run({});
+        EXPECT_EQ(r.err, warning);
+        EXPECT_EQ(r.out, lines(all));
+    }
+    // The facility and the filters apply.
+    std::filesystem::remove(cursor);
+    r = run({"--facility=daemon", "--level=fatal"});
+    EXPECT_EQ(r.out.substr(0, 6), "<26>1 ");  // daemon (3), critical: 3 * 8 + 2
+    EXPECT_EQ(r.out.find("\n"), r.out.size() - 1) << r.out;
 }
 
 class ForwardTest : public ::testing::Test {
@@ -304,6 +359,41 @@ TEST_F(ForwardTest, RelpLosesNothingWhenEitherSideIsKilled) {
     EXPECT_NE(killed.find("zmlog: cannot forward to " + rsyslog.Url()), std::string::npos)
         << killed;
     EXPECT_NE(killed.find("zmlog: " + rsyslog.Url() + " takes messages again"), std::string::npos);
+}
+
+// The collector is away while the log rolls through its whole set: the
+// forwarder keeps the files it still has to send open, so the deleted ones
+// arrive all the same, up to two of them; beyond, the oldest is given up
+// and its unsent records are counted as lost, once. (File 0 was read before
+// the collector was found away: its records wait in memory.)
+TEST_F(ForwardTest, FilesDeletedWhileTheCollectorIsAwayArriveOrAreCounted) {
+    zmtest::Rsyslog rsyslog(install.Root() + "/rsyslog", "tcp");  // not started yet
+    TestLog log(install.LogDir());
+    std::vector<std::string> expected;
+    for (int i = 0; i < 100; ++i) expected.push_back(log.AppendRecord(i));
+    zmtest::Child forwarder(kZmlog, "zmlog",
+                            {"--forward=" + rsyslog.Url(), "-f", "--hostname=plc7", log.Dir()},
+                            {"TZ=UTC"});
+    // Five rolls in a set of two files: files 0 to 3 are deleted.
+    for (int file = 1; file <= 5; ++file) {
+        std::this_thread::sleep_for(300ms);  // the forwarder looks every 100 ms
+        log.Roll(2);
+        for (int i = 100 * file; i < 100 * (file + 1); ++i) expected.push_back(log.AppendRecord(i));
+    }
+    std::this_thread::sleep_for(300ms);
+    ASSERT_TRUE(rsyslog.Start()) << rsyslog.Errors();
+    expected.erase(expected.begin() + 100, expected.begin() + 200);  // file 1's
+    zmtest::WaitUntil([&] { return rsyslog.Received().size() >= expected.size(); }, 10s);
+    forwarder.Signal(SIGTERM);
+    const auto r = forwarder.Wait();
+    const Figures f = Count(expected, rsyslog.Received());
+    PrintFigures("tcp-away", expected.size(), f);
+    EXPECT_EQ(rsyslog.Received(), expected);
+    EXPECT_NE(r.err.find("zmlog: WARN: the log rolled past 100 records before they were "
+                         "forwarded to " +
+                         rsyslog.Url() + ": they are lost\n"),
+              std::string::npos)
+        << r.err;
 }
 
 }  // namespace

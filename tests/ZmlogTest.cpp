@@ -202,6 +202,11 @@ TEST_F(ZmlogTest, ErrorsGiveOneLineAndStatus) {
         {{"--until", "2023-02-30"}, 2, "bad time '2023-02-30' for --until" + time},
         {{"-n", "-3"}, 2, "bad count '-3' for -n"},
         {{"--stats", "-f"}, 2, "--stats cannot be combined with --follow"},
+        {{"-o", "syslog", "-n", "3"}, 2, "--output=syslog cannot be combined with -n"},
+        {{"--cursor-file=c"}, 2, "--cursor-file needs --forward or --output=syslog"},
+        {{"--facility=lcoal0"},
+         2,
+         "unknown facility 'lcoal0' (kern, user, daemon, ..., local0 ... local7, or 0 to 23)"},
     };
     for (const auto& [args, status, message] : cases) {
         const auto r = Run(args);
