@@ -1,5 +1,6 @@
 # Installation: the library with its SONAME, the public headers, zmlog, the
-# runtime program zmlog-runtime with its systemd unit, an example
+# runtime program zmlog-runtime with its systemd unit, the forwarder's unit
+# zmlog-forward.service, an example
 # configuration, a CMake package (find_package(ZMRuntimeLog CONFIG) gives
 # ZMRuntimeLog::ZMRuntimeLog) and a pkg-config file.
 include(GNUInstallDirs)
@@ -29,6 +30,16 @@ if(TARGET zmlog-runtime)
   configure_file(${PROJECT_SOURCE_DIR}/tools/runtime/zmlog-runtime.service.in
     ${PROJECT_BINARY_DIR}/zmlog-runtime.service @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/zmlog-runtime.service
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/ZMRuntimeLog COMPONENT runtime)
+endif()
+
+if(TARGET zmlog)
+  # The forwarder's unit, also where zmlog was built without --forward: it
+  # documents the setup, and says so when started.
+  set(ZMLOG_PATH ${CMAKE_INSTALL_FULL_BINDIR}/zmlog)
+  configure_file(${PROJECT_SOURCE_DIR}/tools/zmlog/forward/zmlog-forward.service.in
+    ${PROJECT_BINARY_DIR}/zmlog-forward.service @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/zmlog-forward.service
     DESTINATION ${CMAKE_INSTALL_DATADIR}/ZMRuntimeLog COMPONENT runtime)
 endif()
 

@@ -29,7 +29,8 @@ step() { printf '\n== %s\n' "$*"; }
 fail() { echo "check-install.sh: FAILED: $*" >&2; exit 1; }
 
 # Build tools, installed only when missing.
-"$REPO/scripts/install-missing.sh" cmake g++ make pkg-config /usr/bin/systemd-analyze=systemd
+"$REPO/scripts/install-missing.sh" cmake g++ make pkg-config /usr/bin/systemd-analyze=systemd \
+    /usr/include/librelp.h=librelp-dev /usr/include/gnutls/gnutls.h=libgnutls28-dev
 
 WORK=$(mktemp -d /tmp/zmlog-check-install-XXXXXX)
 cleanup() {
@@ -64,7 +65,8 @@ for file in "$LIBDIR/$SONAME" "$LIBDIR/libZMRuntimeLog.so" \
     "$LIBDIR/cmake/ZMRuntimeLog/ZMRuntimeLogConfig.cmake" \
     "$LIBDIR/cmake/ZMRuntimeLog/ZMRuntimeLogConfigVersion.cmake" \
     "$LIBDIR/pkgconfig/ZMRuntimeLog.pc" "$PREFIX/bin/zmlog" "$PREFIX/bin/zmlog-runtime" \
-    "$PREFIX/share/ZMRuntimeLog/zmlog-runtime.service"; do
+    "$PREFIX/share/ZMRuntimeLog/zmlog-runtime.service" \
+    "$PREFIX/share/ZMRuntimeLog/zmlog-forward.service"; do
     [[ -e $file ]] || fail "missing ${file#"$PREFIX"/}"
     echo "  ${file#"$PREFIX"/}"
 done
@@ -182,5 +184,26 @@ wait "$SERVICE" || STATUS=$?
 ZM_VELDOR_DATA=$UNIT_DATA "$PREFIX/bin/zmlog" >"$WORK/unit.log" 2>&1
 check_runtime_log "$WORK/unit.log"
 echo "  ok: verified, started as systemd would, stopped by $STOP with status 0"
+
+step "the forwarder's systemd unit"
+FUNIT=$PREFIX/share/ZMRuntimeLog/zmlog-forward.service
+quiet systemd-analyze verify "$FUNIT"
+FEXEC=$(sed -n 's/^ExecStart=//p' "$FUNIT")
+[[ $FEXEC == "$PREFIX/bin/zmlog --follow --forward="* ]] || fail "the forwarder's unit starts '$FEXEC'"
+# Its command as systemd expands it, towards a port where nothing listens:
+# it keeps trying, and stops with status 0 on SIGTERM.
+FURL=tcp://127.0.0.1:9
+FCMD=${FEXEC//'${ZMLOG_FORWARD_URL}'/$FURL}
+FCMD=${FCMD//'${ZM_VELDOR_DATA}'/$UNIT_DATA}
+read -ra FARGS <<<"$FCMD"
+(cd / && exec env -i "${FARGS[@]}") >"$WORK/forward.out" 2>&1 &
+FORWARDER=$!
+for _ in $(seq 100); do grep -q "cannot forward to $FURL" "$WORK/forward.out" && break; sleep 0.05; done
+kill -TERM "$FORWARDER"
+STATUS=0
+wait "$FORWARDER" || STATUS=$?
+grep -q "cannot forward to $FURL" "$WORK/forward.out" || { cat "$WORK/forward.out" >&2; fail "the forwarder's command did not try $FURL"; }
+((STATUS == 0)) || { cat "$WORK/forward.out" >&2; fail "the forwarder's command ended with status $STATUS on SIGTERM"; }
+echo "  ok: verified, its command tries the collector and stops by SIGTERM with status 0"
 
 step "installation checked"

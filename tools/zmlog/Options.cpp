@@ -273,7 +273,8 @@ of one rolled set are put oldest first. A record cut by a roll is joined again.
 Lines come in file order, which is the order of arrival from all programs.
 
 Output:
-  -o, --output=FORMAT  short (the default, as above); pipe (the library's own
+  -o, --output=FORMAT  short (the default, as above); syslog (see Forwarding);
+                       pipe (the library's own
                        line: time|thread|LEVEL|function|tag+content); json (JSON
                        Lines: time, time_us, thread, level, program, function,
                        tag, content, type, value, component, binary); cat (tag
@@ -307,6 +308,22 @@ Filters (a record must pass all that are given):
   -f, --follow         after the existing records wait for new ones, like
                        tail -f; every file of the rolled set is read as it
                        appears, however often the log rolls meanwhile
+
+Forwarding to a syslog collector (RFC 5424 messages; the filters apply):
+      --forward=URL    send every record to URL: tcp://HOST:PORT (octet-counted,
+                       RFC 6587), tls://HOST:PORT (RFC 5425), udp://HOST:PORT or
+                       relp://HOST:PORT (acknowledged); without -f zmlog exits
+                       once everything was taken, with -f it keeps following
+  -o syslog            print those messages instead, one a line
+      --cursor-file=PATH  start after the last record delivered, as PATH
+                       records it, and keep it up to date
+      --tls-ca=FILE    CA certificates that the collector's certificate must
+                       come from (tls://, and relp:// in TLS); default: the
+                       system's
+      --tls-cert=FILE --tls-key=FILE  our certificate, for collectors that ask
+      --facility=NAME  kern, user, daemon, ..., local0 (the default) ... local7
+      --hostname=NAME  HOSTNAME of the messages (default: this machine's name)
+
       --version        show the version
   -h, --help           show this text
 
