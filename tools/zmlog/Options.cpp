@@ -273,13 +273,13 @@ of one rolled set are put oldest first. A record cut by a roll is joined again.
 Lines come in file order, which is the order of arrival from all programs.
 
 Output:
-  -o, --output=FORMAT  short (the default, as above); syslog (see Forwarding);
-                       pipe (the library's own
+  -o, --output=FORMAT  short (the default, as above); pipe (the library's own
                        line: time|thread|LEVEL|function|tag+content); json (JSON
                        Lines: time, time_us, thread, level, program, function,
                        tag, content, type, value, component, binary); cat (tag
                        and content only); verbose (every field of the record,
-                       one per line, a blank line after each record)
+                       one per line, a blank line after each record);
+                       syslog (see Forwarding)
       --json           the same as --output=json
       --micro          time stamps with microseconds instead of milliseconds
       --utc            times in UTC, printed and read (--since, --until)
