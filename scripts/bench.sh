@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds Release with the benchmarks and prints one table of figures:
 # the write path, the filters, two writers at once, sustained load through
-# the archiver, scrambling, decoding and zmlog. Also builds a reference row
+# the archiver, scrambling, decoding, zmlog, and zmlog --forward to a local
+# rsyslogd over TCP and RELP. Also builds a reference row
 # with spdlog's async logger (installed here only; the library never uses it).
 #   scripts/bench.sh [--quick]      (--quick: shorter sustained runs)
 set -euo pipefail
@@ -12,7 +13,9 @@ quick=0
 
 scripts/install-missing.sh cmake make g++ \
   /usr/include/gtest/gtest.h=libgtest-dev /usr/include/benchmark/benchmark.h=libbenchmark-dev \
-  /usr/include/spdlog/spdlog.h=libspdlog-dev
+  /usr/include/spdlog/spdlog.h=libspdlog-dev \
+  /usr/include/librelp.h=librelp-dev /usr/include/gnutls/gnutls.h=libgnutls28-dev \
+  /usr/sbin/rsyslogd=rsyslog /usr/lib/x86_64-linux-gnu/rsyslog/imrelp.so=rsyslog-relp
 
 build=$root/build-bench
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DZMLOG_BUILD_BENCH=ON -DZMLOG_BUILD_TESTS=OFF >/dev/null
@@ -63,5 +66,53 @@ if [ -x "$build/tools/zmlog/zmlog" ]; then
     done
     ns=$(printf '%s\n' "${times[@]}" | sort -n | sed -n 3p)
     awk -v f="$format" -v b="$size" -v ns="$ns" 'BEGIN { printf "zmlog -o %-5s of %.1f MB to /dev/null: %.0f ms, %.0f MB/s\n", f, b/1e6, ns/1e6, b/1e6/(ns/1e9) }'
+  done
+fi
+if [ -x "$build/tools/zmlog/zmlog" ] && [ -x /usr/sbin/rsyslogd ] &&
+  "$build/tools/zmlog/zmlog" --forward=tcp://127.0.0.1:1 /nonexistent 2>&1 | grep -qv "built without"; then
+  echo
+  echo "## zmlog --forward to a local rsyslogd (records/s, median of 3 runs)"
+  mkdir -p "$work/fwd/log"
+  "$build/bench/SampleLogDriver" "$work/fwd/log/RUNTIME.data" 5 >/dev/null
+  listening() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+  free_port() {
+    local p
+    while :; do p=$((20000 + RANDOM % 40000)); listening "$p" || break; done
+    echo "$p"
+  }
+  # rsyslog's own queue in memory (its default), and a direct one: each
+  # message written before RELP acknowledges it (nothing acknowledged lost).
+  for queue in FixedArray Direct; do
+    tcp=$(free_port)
+    relp=$(free_port)
+    cat >"$work/fwd/rsyslog.conf" <<CONF
+global(workDirectory="$work/fwd" maxMessageSize="64k")
+module(load="imtcp")
+module(load="imrelp")
+template(name="raw" type="string" string="%rawmsg%\n")
+ruleset(name="in" queue.type="$queue") { action(type="omfile" file="$work/fwd/received" template="raw") }
+input(type="imtcp" port="$tcp" address="127.0.0.1" ruleset="in")
+input(type="imrelp" port="$relp" address="127.0.0.1" ruleset="in")
+CONF
+    /usr/sbin/rsyslogd -n -f "$work/fwd/rsyslog.conf" -i "$work/fwd/rsyslogd.pid" >"$work/fwd/rsyslogd.out" 2>&1 &
+    rsyslogd_pid=$!
+    for _ in $(seq 100); do listening "$tcp" && listening "$relp" && break; sleep 0.05; done
+    for scheme in tcp relp; do
+      port=$tcp
+      [ "$scheme" = relp ] && port=$relp
+      rates=()
+      for _ in 1 2 3; do
+        rm -f "$work/fwd/received"
+        start=$(date +%s%N)
+        said=$("$build/tools/zmlog/zmlog" --forward="$scheme://127.0.0.1:$port" "$work/fwd/log" 2>&1)
+        end=$(date +%s%N)
+        n=$(sed -n 's/.*forwarded \([0-9]*\) records.*/\1/p' <<<"$said")
+        rates+=("$(awk -v n="$n" -v ns=$((end - start)) 'BEGIN { printf "%.0f", n / (ns / 1e9) }')")
+      done
+      rate=$(printf '%s\n' "${rates[@]}" | sort -n | sed -n 2p)
+      printf 'zmlog --forward=%-4s %d records, rsyslog queue %-10s %8d records/s\n' "$scheme" "$n" "$queue" "$rate"
+    done
+    kill "$rsyslogd_pid"
+    wait "$rsyslogd_pid" 2>/dev/null || true
   done
 fi
