@@ -24,7 +24,7 @@ std::int64_t NowMs() {
 
 }  // namespace
 
-Forwarder::Forwarder(const Options& o, RolledSet set, Transport& transport,
+Forwarder::Forwarder(const Options& o, const RolledSet& set, Transport& transport,
                      std::function<void(const std::string&)> note)
     : o_(o),
       transport_(transport),

@@ -25,7 +25,7 @@ namespace PF::Utils::LOG::zmlog {
 class Forwarder {
   public:
     // note: prints one line on standard error (zmlog's notes).
-    Forwarder(const Options& o, RolledSet set, Transport& transport,
+    Forwarder(const Options& o, const RolledSet& set, Transport& transport,
               std::function<void(const std::string&)> note);
 
     // Forwards until the end of the log has been delivered (or, with -f,
