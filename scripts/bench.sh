@@ -101,16 +101,21 @@ CONF
       port=$tcp
       [ "$scheme" = relp ] && port=$relp
       rates=()
+      cpus=()
       for _ in 1 2 3; do
         rm -f "$work/fwd/received"
         start=$(date +%s%N)
-        said=$("$build/tools/zmlog/zmlog" --forward="$scheme://127.0.0.1:$port" "$work/fwd/log" 2>&1)
+        said=$({ TIMEFORMAT='cpu %U %S'; time "$build/tools/zmlog/zmlog" --forward="$scheme://127.0.0.1:$port" "$work/fwd/log" 2>&1; } 2>&1)
         end=$(date +%s%N)
         n=$(sed -n 's/.*forwarded \([0-9]*\) records.*/\1/p' <<<"$said")
         rates+=("$(awk -v n="$n" -v ns=$((end - start)) 'BEGIN { printf "%.0f", n / (ns / 1e9) }')")
+        cpus+=("$(awk -v n="$n" '/^cpu / { printf "%.1f", ($2 + $3) * 1e6 / n }' <<<"$said")")
       done
       rate=$(printf '%s\n' "${rates[@]}" | sort -n | sed -n 2p)
-      printf 'zmlog --forward=%-4s %d records, rsyslog queue %-10s %8d records/s\n' "$scheme" "$n" "$queue" "$rate"
+      cpu=$(printf '%s\n' "${cpus[@]}" | sort -n | sed -n 2p)
+      # Wall-clock rate (rsyslogd's share included) and zmlog's own CPU time.
+      printf 'zmlog --forward=%-4s %d records, rsyslog queue %-10s %8d records/s, zmlog CPU %5.1f us/record\n' \
+        "$scheme" "$n" "$queue" "$rate" "$cpu"
     done
     kill "$rsyslogd_pid"
     wait "$rsyslogd_pid" 2>/dev/null || true

@@ -9,9 +9,10 @@
 namespace PF::Utils::LOG::zmlog {
 namespace {
 
-// 256 unanswered messages keep a local collector busy (about 50,000 messages
-// a second) while bounding what a restart of the forwarder sends twice.
-constexpr int kWindow = 256;
+// Unanswered messages at most: 512 keep a local rsyslogd busy (with 128 or
+// 256, librelp often waits for answers and forwards half as fast), and bound
+// what a forwarder killed outright sends twice after its restart.
+constexpr int kWindow = 512;
 // Seconds librelp waits for an answer before it gives the session up.
 constexpr unsigned kTimeoutS = 10;
 
