@@ -1,5 +1,6 @@
 // Feeds arbitrary file contents to zmlog's reading code: the record walker,
-// the filters, every output format and the statistics. Besides the
+// the filters, every output format, the statistics and the syslog messages
+// of --forward (each one line of valid UTF-8 within the size limit). Besides the
 // sanitizers' checks it requires that reading the input in slices gives the
 // same output as reading it in one piece, and that noise (random bytes
 // seeded by the input) gives next to no record.
@@ -10,9 +11,12 @@
 #include <random>
 #include <string>
 
+#include "JsonFormat.h"
 #include "LogReader.h"
 #include "Options.h"
 #include "OutputSink.h"
+#include "forward/SyslogEncoder.h"
+#include "log/LogHead.h"
 
 using namespace PF::Utils::LOG;
 using namespace PF::Utils::LOG::zmlog;
@@ -57,6 +61,31 @@ void RequireFewRecordsFromNoise(const std::uint8_t* data, std::size_t size) {
     if (walker.RecordCount() > 2) std::abort();
 }
 
+// Every record as the syslog message --forward sends: one line (no control
+// character but tab), valid UTF-8, at most kMaxMessage bytes.
+void RequireSyslogMessagesInShape(const std::uint8_t* data, std::size_t size) {
+    SyslogEncoder encoder(16, "fuzz");
+    const Options o;
+    RecordFormatter formatter(o, false);
+    std::string message;
+    RecordSource source([&](WalkedRecord& r, const SourceFile& file, std::uint64_t offset) {
+        const bool typed = (r.head.flags & kBinaryFlag) == 0 && r.head.valueType != 0;
+        message.clear();
+        encoder.Append(r, typed ? formatter.Content(r) : std::string(), RecordPos{file.id, offset},
+                       message);
+        if (message.size() > kMaxMessage) std::abort();
+        for (std::size_t i = 0; i < message.size();) {
+            const auto c = static_cast<unsigned char>(message[i]);
+            if ((c < 0x20 && c != '\t') || c == 0x7F) std::abort();
+            const std::size_t n = c < 0x80 ? 1 : Utf8Length(message, i);
+            if (n == 0) std::abort();
+            i += n;
+        }
+    });
+    source.FeedPlain(reinterpret_cast<const char*>(data), size);
+    source.EndOfStream();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -72,6 +101,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::size_t slice = 1 + first % 64U * 5U;
     ++data;
     --size;
+
+    RequireSyslogMessagesInShape(data, size);
 
     Options pipe;  // the library's own line, coloured
     pipe.output = OutputFormat::kPipe;

@@ -196,10 +196,12 @@ FURL=tcp://127.0.0.1:9
 FCMD=${FEXEC//'${ZMLOG_FORWARD_URL}'/$FURL}
 FCMD=${FCMD//'${ZM_VELDOR_DATA}'/$UNIT_DATA}
 read -ra FARGS <<<"$FCMD"
-(cd / && exec env -i "${FARGS[@]}") >"$WORK/forward.out" 2>&1 &
+read -ra FENV <<<"$(sed -n 's/^Environment=\(ZM_VELDOR_DATA=.*\)/\1/p' "$FUNIT")"
+[[ ${FENV[0]:-} == ZM_VELDOR_DATA=* ]] || fail "the forwarder's unit sets no ZM_VELDOR_DATA"
+(cd / && exec env -i ZM_VELDOR_DATA="$UNIT_DATA" "${FARGS[@]}") >"$WORK/forward.out" 2>&1 &
 FORWARDER=$!
 for _ in $(seq 100); do grep -q "cannot forward to $FURL" "$WORK/forward.out" && break; sleep 0.05; done
-kill -TERM "$FORWARDER"
+kill -TERM "$FORWARDER" 2>/dev/null || true
 STATUS=0
 wait "$FORWARDER" || STATUS=$?
 grep -q "cannot forward to $FURL" "$WORK/forward.out" || { cat "$WORK/forward.out" >&2; fail "the forwarder's command did not try $FURL"; }

@@ -186,7 +186,10 @@ int Forward(Options& o) {
     ResolveTimes(o, NowUs());
     std::unique_ptr<Transport> transport = MakeTransport(o);
     RolledSet set;
-    if (o.inputs.empty() || (o.inputs.size() == 1 && IsDirectory(o.inputs[0]))) {
+    // A path that does not exist yet is taken for a log directory to come.
+    struct stat st {};
+    if (o.inputs.empty() || (o.inputs.size() == 1 &&
+                             (IsDirectory(o.inputs[0]) || ::stat(o.inputs[0].c_str(), &st) != 0))) {
         set = {o.inputs.empty() ? DefaultLogDirectory() : o.inputs[0], kDataFileName};
         if (!o.follow && ListRolledSet(set.dir).empty())
             throw Error(std::string("no ") + kDataFileName + " in " + set.dir);

@@ -153,6 +153,17 @@ bool Forwarder::Run(const volatile std::sig_atomic_t& stop) {
         skipping_ = true;
         cursor_ = from;
     }
+    // A service may start before the runtime made the log directory.
+    for (bool said = false; o_.follow && stop == 0; said = true) {
+        try {
+            ListRolledSet(dir_);
+            break;
+        } catch (const Error& e) {
+            if (!said) note_(std::string(e.what()) + "; waiting for it");
+        }
+        Pause(kTickMs, stop);
+    }
+    if (stop != 0) return o_.follow;
     if (!reader_.Start(resume ? &from : nullptr)) {
         skipping_ = false;
         note_(
