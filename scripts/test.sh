@@ -15,4 +15,4 @@ scripts/install-missing.sh cmake make g++ pkg-config \
 build_dir=${BUILD_DIR:-build}
 cmake -S . -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZMLOG_BUILD_BENCH=ON
 cmake --build "$build_dir" -j"$(nproc)"
-ctest --test-dir "$build_dir" --output-on-failure
+ctest --test-dir "$build_dir" --output-on-failure -j"$(nproc)"

@@ -44,7 +44,7 @@ TEST(RollFileTest, Examples) {
         {"0", 1, 1, "0 ----------- "},             // one file: start over empty
     };
     for (const auto& c : cases) {
-        zmtest::TempInstall dir;
+        zmtest::Installation dir("");
         auto name = [&](int n) { return dir.Root() + "/R" + (n ? "_" + std::to_string(n) : ""); };
         for (const char* p = c.present; *p; ++p) zmtest::WriteFile(name(*p - '0'), {*p});
         int index = c.index;
@@ -77,8 +77,7 @@ class ArchiverTest : public zmtest::SharedRingTest {
 
 TEST_F(ArchiverTest, RecordsOfAnotherProcessReachTheFileScrambled) {
     Start(install.LogDir());
-    auto result = zmtest::RunHelper("ArchiveWriter", "CellEmulation", {"first", "second", "third"},
-                                    install.Env());
+    const auto result = install.Run("CellEmulation", {"log=3"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     std::string raw;
     ASSERT_TRUE(zmtest::WaitUntil([&] {
@@ -91,8 +90,8 @@ TEST_F(ArchiverTest, RecordsOfAnotherProcessReachTheFileScrambled) {
         seen += r.program + "|" + r.function + "|" + r.tag + "|" + r.content + " ";
     EXPECT_EQ(consumed, raw.size());  // nothing but the records themselves
     EXPECT_EQ(seen,
-              "CellEmulation|main|archive|first CellEmulation|main|archive|second "
-              "CellEmulation|main|archive|third ");
+              "CellEmulation|main|seq|CellEmulation-0 CellEmulation|main|seq|CellEmulation-1 "
+              "CellEmulation|main|seq|CellEmulation-2 ");
 
     std::this_thread::sleep_for(350ms);  // empty ticks leave the file alone
     EXPECT_EQ(zmtest::ReadFile(file), raw);

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "log/ZMRuntimeLog.h"
-#include "support/TestSupport.h"
+#include "support/Fixtures.h"
 
 using namespace PF::Utils::LOG;
 
@@ -25,7 +25,7 @@ class ConfigFileTest : public ::testing::Test {
         install.WriteConfig(text);
         return ConfManager::ReadConfigFile(install.ConfPath());
     }
-    zmtest::TempInstall install;
+    zmtest::Installation install{""};
 };
 
 TEST_F(ConfigFileTest, LineSyntaxAndDerivedStatics) {

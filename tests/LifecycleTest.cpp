@@ -1,21 +1,19 @@
 // Process roles with real processes, each in its own installation: what a
 // process becomes at load, the runtime's start and release, live changes of
-// the level, and a clean unload.
+// the level, and a clean exit and unload.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
-#include <chrono>
-#include <fstream>
-#include <functional>
+#include <cstdio>
 #include <map>
 #include <memory>
+#include <numeric>
 #include <string>
 
-#include "log/ZMRuntimeLog.h"
-#include "support/TestSupport.h"
+#include "support/Fixtures.h"
 
-using namespace std::chrono_literals;
+using namespace zmtest;
 
 // valgrind cannot run a program built with a sanitizer.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -25,155 +23,114 @@ using namespace std::chrono_literals;
 #define ZMLOG_SANITIZED 1
 #endif
 #endif
-using zmtest::Child;
 
 namespace {
 
-constexpr const char* kHelper = "RoleProbe";
-
-class Lifecycle : public ::testing::Test {
-  protected:
-    void WithConfig(const std::string& extra = "") {
-        install.WriteConfig("[log]\nlogActive=true\nlogLevel=trace\n" + extra);
-    }
-    std::string Flag() const { return install.Root() + "/release"; }
-    void Release(Child& runtime) {
-        zmtest::WriteFile(Flag(), "");
-        ASSERT_TRUE(runtime.WaitForOutput("released", 10s)) << runtime.OutSoFar();
-    }
-    // "up=<0|1> ring=<0|1> threads=<names>" of a process started as role.
-    std::string Probe(const std::string& role) {
-        auto r = zmtest::RunHelper(kHelper, role, {"probe"}, install.Env(), 30s, install.Root());
-        return r.out.substr(0, r.out.find('\n'));
-    }
-
-    zmtest::GlobalNamesLock names;
-    zmtest::TempInstall install;
-};
+mode_t Mode(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
+}
 
 }  // namespace
 
-TEST_F(Lifecycle, RuntimeWaitsForStartRuntimeLog) {
-    WithConfig();
-    // The configuration file is looked at only by StartRuntimeLog.
-    EXPECT_EQ(Probe("ZMRuntime"), "up=1 ring=0 threads=RoleProbe");
-    EXPECT_FALSE(zmtest::Exists("/dev/shm/ZMLOG"));
+TEST(Lifecycle, EachProcessTakesItsRoleAtLoad) {
+    const struct {
+        const char* role;
+        const char* config;
+        const char* probe;
+    } cases[] = {
+        // The runtime becomes the reader only through StartRuntimeLog.
+        {"ZMRuntime", Installation::kConfig, "up=1 ring=0 threads=LogHelper\n"},
+        {"SomeTool", "", "up=1 ring=1 threads=LogHelper,ShmReadToBinary\n"},
+        // A writer with no runtime up yet is silent and starts no thread.
+        {"CellEmulation", Installation::kConfig, "up=0 ring=0 threads=LogHelper\n"},
+    };
+    for (const auto& c : cases) {
+        Installation install(c.config);
+        EXPECT_EQ(install.Run(c.role, {"probe"}).out, c.probe) << c.role;
+        EXPECT_FALSE(Exists("/dev/shm/ZMLOG"));
+    }
 }
 
-TEST_F(Lifecycle, ProcessWithoutInstallationRunsItsOwnArchiver) {
-    EXPECT_EQ(Probe("SomeTool"), "up=1 ring=1 threads=RoleProbe,ShmReadToBinary");
-    EXPECT_FALSE(zmtest::Exists("/dev/shm/ZMLOG"));
-}
-
-TEST_F(Lifecycle, ProcessWithInstallationBecomesAWriterWithoutThreads) {
-    WithConfig();
-    EXPECT_EQ(Probe("CellEmulation"), "up=0 ring=0 threads=RoleProbe");  // no runtime yet: silent
-}
-
-// A runtime that crashed leaves its semaphores and segment behind; the next
-// one replaces them. Three writers then log at once (one loaded before the
-// runtime, attaching later) and every record reaches RUNTIME.data in order,
-// closed by the runtime's release notice.
-TEST_F(Lifecycle, EndToEndThroughTheRuntime) {
-    WithConfig();
+// A runtime that crashed leaves its semaphores and segment behind, a writer
+// died holding the lock; the next runtime replaces them. Three writers then
+// log at once (one loaded before the runtime, attaching later) and every
+// record reaches RUNTIME.data in order, but for those the lock's deadline
+// dropped, closed by the runtime's release notice.
+TEST(Lifecycle, EndToEndThroughTheRuntime) {
+    Installation install;
     const int kCount = 2000;
-    Child late(kHelper, "BusBridge", {"late", Flag() + ".go", std::to_string(kCount)},
-               install.Env());
-    ASSERT_TRUE(late.WaitForOutput("silent", 10s));
+    const std::string log = "log=" + std::to_string(kCount);
+    auto late = install.Start("BusBridge", {"probe", "wait", "attach", log});
+    ASSERT_TRUE(late->WaitForOutput("up=0 ring=0"));
     {
-        Child crashed(kHelper, "ZMRuntime", {"runtime", Flag() + ".never"}, install.Env());
-        ASSERT_TRUE(crashed.WaitForOutput("started", 10s));
-        Child holder("TransportWriter", "CellEmulation", {"hold"}, install.Env());
-        ASSERT_TRUE(holder.WaitForOutput("locked", 10s));
-        crashed.Signal(SIGKILL);
-        holder.Signal(SIGKILL);
+        Runtime crashed(install);
+        auto holder = install.Start("CellEmulation", {"hold-lock", "pause"});
+        ASSERT_TRUE(holder->WaitForOutput("locked"));
+        crashed.Process().Signal(SIGKILL);
+        holder->Signal(SIGKILL);
     }
-    ASSERT_TRUE(zmtest::Exists("/dev/shm/ZMLOG"));
-    Child runtime(kHelper, "ZMRuntime", {"runtime", Flag()}, install.Env());
-    ASSERT_TRUE(runtime.WaitForOutput("started", 10s));
-    EXPECT_EQ(PF::Utils::LOG::GetWriteSemStatus(), -1);  // not opened in this process
+    ASSERT_TRUE(Exists("/dev/shm/ZMLOG"));
+    Runtime runtime(install);
+    const mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(Mode("/dev/shm/ZMLOG"), 0666 & ~mask);
+    EXPECT_EQ(Mode("/dev/shm/sem.WriteLOG"), 0644 & ~mask);
 
-    Child a(kHelper, "CellEmulation", {"write", std::to_string(kCount)}, install.Env());
-    Child b(kHelper, "EngineEmulation", {"write", std::to_string(kCount)}, install.Env());
-    zmtest::WriteFile(Flag() + ".go", "");
-    for (Child* w : {&a, &b, &late}) {
-        auto r = w->Wait(30s);
-        EXPECT_EQ(r.exitCode, 0);
-        EXPECT_NE(r.out.find("done"), std::string::npos) << r.out;
+    auto cell = install.Start("CellEmulation", {log});
+    auto engine = install.Start("EngineEmulation", {log});
+    late->Send("");
+    std::map<std::string, std::string> outputs;
+    for (auto& [role, child] : {std::pair{"CellEmulation", cell.get()},
+                                {"EngineEmulation", engine.get()}, {"BusBridge", late.get()}}) {
+        const auto r = child->Wait();
+        EXPECT_EQ(r.exitCode, 0) << r.out;
+        outputs[role] = r.out;
     }
-    EXPECT_NE(late.OutSoFar().find("attached"), std::string::npos);
-    Release(runtime);
-    EXPECT_NE(runtime.OutSoFar().find("released 1 0"), std::string::npos) << runtime.OutSoFar();
-    EXPECT_EQ(runtime.Wait().exitCode, 0);
-    EXPECT_FALSE(zmtest::Exists("/dev/shm/ZMLOG"));
-    EXPECT_FALSE(zmtest::Exists("/dev/shm/sem.WriteLOG"));
+    EXPECT_NE(outputs["BusBridge"].find("attached 1"), std::string::npos);
+    runtime.Release();
+    EXPECT_FALSE(Exists("/dev/shm/ZMLOG"));
+    EXPECT_FALSE(Exists("/dev/shm/sem.WriteLOG"));
 
-    const auto records =
-        zmtest::WalkRecords(zmtest::Unscramble(zmtest::ReadFile(install.DataFile())));
-    ASSERT_FALSE(records.empty());
-    std::map<std::string, int> next;
-    for (size_t i = 0; i + 1 < records.size(); ++i) {
-        const auto& r = records[i];
-        ASSERT_EQ(r.content, r.program + "-" + std::to_string(next[r.program])) << i;
-        ++next[r.program];
+    const DecodedLog decoded(install.DataFile());
+    EXPECT_EQ(decoded.damagedBytes, 0U);
+    for (const auto& [role, out] : outputs) {
+        std::vector<long> expected(kCount);
+        std::iota(expected.begin(), expected.end(), 0);
+        for (long s : DroppedSeqs(out)) expected.erase(std::find(expected.begin(), expected.end(), s));
+        EXPECT_EQ(decoded.Seqs(role), expected) << role;
     }
-    EXPECT_EQ(next["CellEmulation"], kCount);
-    EXPECT_EQ(next["EngineEmulation"], kCount);
-    EXPECT_EQ(next["BusBridge"], kCount);
-    const auto& notice = records.back();
-    EXPECT_EQ(notice.program, "ZMRuntime");
-    EXPECT_EQ(notice.function, "CloseReadThreadAndResource");
-    EXPECT_EQ(notice.tag, "RingHead Deconstruction");
-    EXPECT_EQ(notice.content, " RingHead Set Nullptr");
+    ASSERT_FALSE(decoded.records.empty());
+    const Record& notice = decoded.records.back();
+    EXPECT_EQ(notice.program + "|" + notice.function + "|" + notice.tag + "|" + notice.content,
+              "ZMRuntime|CloseReadThreadAndResource|RingHead Deconstruction| RingHead Set Nullptr");
     EXPECT_EQ(notice.head.flags, 2);
 }
 
-namespace {
-// A writer process waiting for the shared header's level to become `level`
-// while `change` runs; true when it saw it.
-bool WriterSeesLevel(const zmtest::TempInstall& install, int level,
-                     const std::function<void()>& change) {
-    Child watcher(kHelper, "CellEmulation", {"wait-level", std::to_string(level)}, install.Env());
-    if (!watcher.WaitForOutput("waiting", 10s)) return false;
-    change();
-    return watcher.Wait(10s).out.find("level " + std::to_string(level)) != std::string::npos;
-}
-}  // namespace
-
-TEST_F(Lifecycle, LevelSetByOneWriterIsSeenByAnother) {
-    WithConfig();
-    Child runtime(kHelper, "ZMRuntime", {"runtime", Flag()}, install.Env());
-    ASSERT_TRUE(runtime.WaitForOutput("started", 10s));
-    EXPECT_TRUE(WriterSeesLevel(install, 3, [&] {
-        zmtest::RunHelper(kHelper, "BusBridge", {"setlevel", "3"}, install.Env());
-    }));
-    Release(runtime);
+// The level set by one writer, and the runtime's configuration edits (also
+// after the file was replaced by rename), reach every writer through the
+// shared header.
+TEST(Lifecycle, LevelChangesReachEveryWriter) {
+    Installation install;
+    Runtime runtime(install);
+    auto watcher =
+        install.Start("CellEmulation", {"wait-level=3", "wait-level=4", "wait-level=3", "wait-level=5"});
+    install.Run("BusBridge", {"level=3"});
+    EXPECT_TRUE(watcher->WaitForOutput("level 3\n"));
+    install.AppendConfig("logLevel=error");
+    EXPECT_TRUE(watcher->WaitForOutput("level 4\n"));
+    WriteFile(install.ConfPath() + ".new", "[log]\nlogLevel=warn\n");
+    ASSERT_EQ(std::rename((install.ConfPath() + ".new").c_str(), install.ConfPath().c_str()), 0);
+    EXPECT_TRUE(watcher->WaitForOutput("level 4\nlevel 3\n"));
+    install.AppendConfig("logLevel=fatal");
+    EXPECT_EQ(watcher->Wait().out, "level 3\nlevel 4\nlevel 3\nlevel 5\n");
+    runtime.Release();
 }
 
-// Edits of the configuration file reach every writer through the shared
-// header, also after the file was replaced by rename.
-TEST_F(Lifecycle, ConfigurationEditsReachTheSharedHeader) {
-    WithConfig();
-    Child runtime(kHelper, "ZMRuntime", {"runtime", Flag()}, install.Env());
-    ASSERT_TRUE(runtime.WaitForOutput("started", 10s));
-    auto append = [&](const std::string& line) {
-        std::ofstream(install.ConfPath(), std::ios::app) << line << "\n";
-    };
-    EXPECT_TRUE(WriterSeesLevel(install, 4, [&] { append("logLevel=error"); }));
-    const std::string replacement = install.ConfPath() + ".new";
-    zmtest::WriteFile(replacement, "[log]\nlogLevel=warn\n");
-    EXPECT_TRUE(WriterSeesLevel(install, 3, [&] {
-        ASSERT_EQ(rename(replacement.c_str(), install.ConfPath().c_str()), 0);
-    }));
-    // The new file is still watched after the rename.
-    EXPECT_TRUE(WriterSeesLevel(install, 5, [&] { append("logLevel=fatal"); }));
-    Release(runtime);
-}
-
-TEST_F(Lifecycle, BindingTheArchiverToAMissingCpuIsReported) {
-    auto r = zmtest::RunHelper(kHelper, "SomeTool", {"bind", "2000"}, install.Env(), 30s,
-                               install.Root());
-    EXPECT_EQ(r.exitCode, 0);
+TEST(Lifecycle, BindingTheArchiverToAMissingCpuIsReported) {
+    Installation install("");
+    const auto r = install.Run("SomeTool", {"bind=2000"});
+    EXPECT_EQ(r.out, "bound\n");
     EXPECT_EQ(r.err, "pthread_setaffinity_np error\n");
 }
 
@@ -181,43 +138,38 @@ TEST_F(Lifecycle, BindingTheArchiverToAMissingCpuIsReported) {
 // "<program>.log" ends with the release notice, formatted while every table
 // of the library is still alive; under valgrind the same exit shows no
 // invalid access and nothing definitely lost.
-TEST_F(Lifecycle, PrivateLogEndsWithTheReleaseNotice) {
+TEST(Lifecycle, PrivateLogEndsWithTheReleaseNotice) {
+    Installation install("");
     const std::string notice =
         "|INFO|CloseReadThreadAndResource|RingHead Deconstruction RingHead Set Nullptr\n";
-    auto r =
-        zmtest::RunHelper(kHelper, "SomeTool", {"up-log", "3"}, install.Env(), 30s, install.Root());
+    auto r = install.Run("SomeTool", {"log=3"});
     ASSERT_EQ(r.exitCode, 0) << r.err;
-    const std::string log = zmtest::ReadFile(install.Root() + "/SomeTool.log");
+    const std::string log = ReadFile(install.Root() + "/SomeTool.log");
     EXPECT_NE(log.find("|INFO|main|seqSomeTool-2\n"), std::string::npos) << log;
     ASSERT_GT(log.size(), notice.size());
     EXPECT_EQ(log.substr(log.size() - notice.size()), notice) << log;
 
-    if (!zmtest::Exists("/usr/bin/valgrind")) GTEST_SKIP() << "valgrind not installed";
+    if (!Exists("/usr/bin/valgrind")) GTEST_SKIP() << "valgrind not installed";
 #ifdef ZMLOG_SANITIZED
     GTEST_SKIP() << "built with a sanitizer";
 #endif
-    r = zmtest::RunHelper(
-        "/usr/bin/valgrind", "/usr/bin/valgrind",
-        {"--error-exitcode=99", "--leak-check=full", "--errors-for-leak-kinds=definite", "-q",
-         zmtest::HelperPath(kHelper), "up-log", "3"},
-        install.Env(), 60s, install.Root());
+    r = zmtest::Run("/usr/bin/valgrind", "valgrind",
+                    {"--error-exitcode=99", "--leak-check=full", "--errors-for-leak-kinds=definite",
+                     "-q", HelperPath(), "log=3"},
+                    install.Env(), install.Root(), 60s);
     EXPECT_EQ(r.exitCode, 0) << r.err;
-    const std::string underValgrind = zmtest::ReadFile(install.Root() + "/RoleProbe.log");
+    const std::string underValgrind = ReadFile(install.Root() + "/LogHelper.log");
     EXPECT_NE(underValgrind.find(notice), std::string::npos) << underValgrind;
 }
 
-TEST_F(Lifecycle, UnloadLeavesNoThreadBehind) {
+TEST(Lifecycle, UnloadLeavesNoThreadBehind) {
     // Without an installation (archiver thread) and as a writer of a runtime.
     for (bool writer : {false, true}) {
-        std::unique_ptr<Child> runtime;
-        if (writer) {
-            WithConfig();
-            runtime = std::make_unique<Child>(
-                kHelper, "ZMRuntime", std::vector<std::string>{"runtime", Flag()}, install.Env());
-            ASSERT_TRUE(runtime->WaitForOutput("started", 10s));
-        }
-        auto r = zmtest::RunHelper("DlopenProbe", "DlopenProbe", {ZMLOG_LIBRARY_FILE},
-                                   install.Env(), 30s, install.Root());
+        Installation install(writer ? Installation::kConfig : "");
+        std::unique_ptr<Runtime> runtime;
+        if (writer) runtime = std::make_unique<Runtime>(install);
+        const auto r = zmtest::Run(ZMLOG_HELPER_DIR "/DlopenProbe", "DlopenProbe",
+                                   {ZMLOG_LIBRARY_FILE}, install.Env(), install.Root());
         EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
         if (!writer) {
             EXPECT_NE(r.out.find("loaded threads=DlopenProbe,ShmReadToBinary"), std::string::npos);
@@ -227,6 +179,6 @@ TEST_F(Lifecycle, UnloadLeavesNoThreadBehind) {
         const size_t first = r.out.find(alone);
         ASSERT_NE(first, std::string::npos) << r.out;
         EXPECT_NE(r.out.find(alone, first + 1), std::string::npos) << r.out;
-        if (runtime) Release(*runtime);
+        if (runtime) runtime->Release();
     }
 }

@@ -1,8 +1,12 @@
-// zmlog run as operators run it: a child process reading log files written
-// here, its output compared letter for letter.
-#include <chrono>
+// zmlog: its formats, times and record source on logs built in memory, and
+// the program run as operators run it, on files written here (scrambled, as
+// the archiver stores them), its output compared letter for letter.
+#include <signal.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <string>
 #include <tuple>
@@ -10,131 +14,245 @@
 
 #include <gtest/gtest.h>
 
-#include "support/TestSupport.h"
+#include "LogReader.h"
+#include "TimeSpec.h"
+#include "support/Fixtures.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace PF::Utils::LOG::zmlog;
 using zmtest::MakeRecord;
 
-const std::string kZmlog = ZMLOG_TOOLS_DIR "/zmlog/zmlog";
 constexpr long long kT0 = 1700000000123456LL;  // 2023-11-14 22:13:20.123456 UTC
 
-// Writes records as the archiver stores them: scrambled.
-void WriteLogFile(const std::string& path, const std::string& plain, bool append = false) {
-    FILE* f = std::fopen(path.c_str(), append ? "ab" : "wb");
-    ASSERT_NE(f, nullptr);
-    const std::string bytes = zmtest::Unscramble(plain);
-    std::fwrite(bytes.data(), 1, bytes.size(), f);
-    std::fclose(f);
+// Reads plain records as zmlog would with the options o.
+std::string Render(const Options& o, const std::string& plain) {
+    OutputSink out(-1);
+    LogReader reader(o, o.color == ColorMode::kAlways, out);
+    reader.Source().FeedPlain(plain.data(), plain.size());
+    reader.Source().EndOfStream();
+    reader.Finish();
+    return out.Text();
 }
 
-// A default line of a record of program written second s after kT0 (UTC).
-std::string Line(int s, const std::string& program, const std::string& rest) {
-    char stamp[32];
-    std::snprintf(stamp, sizeof stamp, "2023-11-14 22:13:%02d.123 ", 20 + s);
-    return stamp + program + "[4711] " + rest + "\n";
+TEST(ZmlogFormat, EveryFormatAgainstItsFixedText) {
+    const unsigned char byte = 200;
+    const std::string log =
+        MakeRecord("main", "PressLine7", "net", " link up", 2, 0, false, 8565, kT0) +
+        MakeRecord("Poll", "ZMRuntime", "u=", std::string(1, static_cast<char>(byte)), 3, 2, false,
+                   17, kT0 + 1500, 0x10000) +
+        MakeRecord("rx", "emu_core", "frame", std::string("\xde\xad\x00\xef", 4), 1, 0, true, 9,
+                   kT0 + 2000000) +
+        MakeRecord("say \"hi\"", "BusBridge", "t\\g", "a\nb\t\x01 \xc3\xa9", 6, 0, false, 7, 999999);
+    const std::string short1 = "2023-11-14 22:13:20.123 PressLine7[8565] INFO main: net link up\n";
+    const std::string short2 = "2023-11-14 22:13:20.124 ZMRuntime[17] WARN Poll: u=\xc8\n";
+    const std::string short3 =
+        "2023-11-14 22:13:22.123 emu_core[9] DEBUG rx: frame\n"
+        "0000  de-ad-00-ef                                      ....\n";
+    const std::string short4 = "1970-01-01 00:00:00.999 BusBridge[7] Record say \"hi\": t\\ga\n";
+    const std::tuple<const char*, std::function<void(Options&)>, std::string> cases[] = {
+        {"short", [](Options&) {}, short1 + short2 + short3 + short4 + "b\t\x01 \xc3\xa9\n"},
+        {"micro and colour",
+         [](Options& o) {
+             o.micro = true;
+             o.color = ColorMode::kAlways;
+             o.programs = {"PressLine7"};
+         },
+         "2023-11-14 22:13:20.123456 PressLine7[8565] \x1b[32mINFO\x1b[0m main: net link up\n"},
+        {"pipe",
+         [](Options& o) {
+             o.output = OutputFormat::kPipe;
+             o.programs = {"PressLine7", "emu_core"};
+         },
+         "2023-11-14 22:13:20.123|8565|INFO|main|net link up\n"
+         "2023-11-14 22:13:22.123|9|DEBUG|rx|frame\n"
+         "0000  de-ad-00-ef                                      ....\n"},
+        {"cat",
+         [](Options& o) {
+             o.output = OutputFormat::kCat;
+             o.programs = {"PressLine7", "ZMRuntime"};
+         },
+         "net link up\nu=\xc8\n"},
+        {"json", [](Options& o) { o.output = OutputFormat::kJson; },
+         "{\"time\":\"2023-11-14T22:13:20.123456+00:00\",\"time_us\":1700000000123456,\"thread\":"
+         "8565,\"level\":\"INFO\",\"program\":\"PressLine7\",\"function\":\"main\",\"tag\":\"net\","
+         "\"content\":\" link up\",\"type\":\"text\",\"component\":0,\"binary\":false}\n"
+         "{\"time\":\"2023-11-14T22:13:20.124956+00:00\",\"time_us\":1700000000124956,\"thread\":"
+         "17,\"level\":\"WARN\",\"program\":\"ZMRuntime\",\"function\":\"Poll\",\"tag\":\"u=\","
+         "\"content\":\"\xef\xbf\xbd\",\"type\":\"unsigned char\",\"value\":200,\"component\":"
+         "65536,\"binary\":false}\n"
+         "{\"time\":\"2023-11-14T22:13:22.123456+00:00\",\"time_us\":1700000002123456,\"thread\":9,"
+         "\"level\":\"DEBUG\",\"program\":\"emu_core\",\"function\":\"rx\",\"tag\":\"frame\","
+         "\"content\":\"dead00ef\",\"type\":\"binary\",\"component\":0,\"binary\":true}\n"
+         "{\"time\":\"1970-01-01T00:00:00.999999+00:00\",\"time_us\":999999,\"thread\":7,"
+         "\"level\":\"Record\",\"program\":\"BusBridge\",\"function\":\"say \\\"hi\\\"\",\"tag\":"
+         "\"t\\\\g\",\"content\":\"a\\nb\\t\\u0001 \xc3\xa9\",\"type\":\"text\",\"component\":0,"
+         "\"binary\":false}\n"},
+        {"verbose",
+         [](Options& o) {
+             o.output = OutputFormat::kVerbose;
+             o.programs = {"ZMRuntime"};
+         },
+         "time=2023-11-14T22:13:20.124956+00:00\nflags=0x0003 (WARN)\nprogramLen=9\n"
+         "functionLen=4\ntagLen=2\ncontentLen=1\nvalueType=2 (unsigned char)\nthreadId=17\n"
+         "component=0x00010000\ntimeUs=1700000000124956\nfunction=Poll\nprogram=ZMRuntime\n"
+         "tag=u=\ncontent=\\xc8\nvalue=200\n\n"},
+        {"last 2, newest first",
+         [](Options& o) {
+             o.reverse = true;
+             o.lastOnly = true;
+             o.last = 2;
+             o.programs = {"PressLine7", "ZMRuntime", "emu_core"};
+         },
+         short3 + short2},
+    };
+    for (const auto& [name, set, expected] : cases) {
+        Options o;
+        set(o);
+        EXPECT_EQ(Render(o, log), expected) << name;
+    }
 }
 
-std::string Rec(int s, unsigned level, const std::string& program, const std::string& function,
-                const std::string& tag, const std::string& content) {
-    return MakeRecord(function, program, tag, content, level, 0, false, 4711, kT0 + s * 1000000LL);
+// Where each record starts (file and offset) and which file holds which
+// damaged bytes, across a record cut by a roll: what a reader that resumes
+// at a position, or reports damage by file, stands on.
+TEST(ZmlogFormat, RecordSourceKnowsEachRecordsFileAndEachFilesDamage) {
+    const std::string a = MakeRecord("f", "PressLine7", "", "first");
+    const std::string b = MakeRecord("f", "PressLine7", "", "cut by the roll");
+    const std::string c = MakeRecord("f", "PressLine7", "", "last");
+    const std::string older = a + "junk" + b.substr(0, 40);
+    const std::string newer = b.substr(40) + "bad" + c;
+    std::vector<std::string> found;
+    RecordSource source([&](PF::Utils::LOG::WalkedRecord& r, const SourceFile& file,
+                            std::uint64_t offset) {
+        found.push_back(std::string(r.content) + "@" + file.path + ":" + std::to_string(offset));
+    });
+    for (const auto& [path, bytes] : {std::pair{"old", older}, std::pair{"new", newer}}) {
+        source.BeginFile(path, FileId{1, path[0] == 'o' ? 7U : 8U});
+        const std::string stored = zmtest::Unscramble(bytes);
+        std::copy(stored.begin(), stored.end(), source.Reserve(stored.size()));
+        source.Commit(stored.size());
+    }
+    source.EndOfStream();
+    EXPECT_EQ(found, (std::vector<std::string>{
+                         "first@old:0", "cut by the roll@old:" + std::to_string(a.size() + 4),
+                         "last@new:" + std::to_string(newer.size() - c.size())}));
+    ASSERT_EQ(source.Files().size(), 2U);
+    EXPECT_EQ(source.Files()[0].damagedBytes, 4U);
+    EXPECT_EQ(source.Files()[1].damagedBytes, 3U);
+    EXPECT_EQ(source.DamagedBytes(), 7U);
 }
 
-class ZmlogTest : public ::testing::Test {
+TEST(ZmlogFormat, TimesAsPeopleTypeThemAgainstAFixedClock) {
+    // The tests run with TZ=UTC.
+    constexpr std::int64_t kS = 1000000;
+    constexpr std::int64_t kDay = 1699920000 * kS;  // 2023-11-14 00:00
+    constexpr std::int64_t kMarch1 = 1677628800 * kS;
+    const std::tuple<std::int64_t, const char*, std::int64_t> good[] = {
+        {kT0, "now", kT0},
+        {kT0, "today", kDay},
+        {kMarch1 + 5, "yesterday", kMarch1 - 86400 * kS},  // across a month's end
+        {kT0, "tomorrow", kDay + 86400 * kS},
+        {kT0, "-15min", kT0 - 900 * kS},
+        {kT0, "-2h", kT0 - 7200 * kS},
+        {kT0, "+1h30min", kT0 + 5400 * kS},
+        {kT0, "-500ms", kT0 - 500000},
+        {kT0, "-2weeks", kT0 - 14 * 86400 * kS},
+        {kT0, "08:30:15.5", kDay + 30615 * kS + 500000},
+        {kT0, "2023-11-13", kDay - 86400 * kS},
+        {kT0, "2023-11-14T22:13:23.123456", 1700000003 * kS + 123456},
+    };
+    for (const auto& [now, text, expected] : good) {
+        std::int64_t us = 0;
+        EXPECT_TRUE(ParseTimeSpec(text, now, us)) << text;
+        EXPECT_EQ(us, expected) << text;
+    }
+    for (const char* bad : {"", "someday", "-", "-15", "15min", "-15 min", "-15parsecs", "24:00",
+                            "8:30", "2023-02-30", "2023-11-14 22:13:2", "2023-11-14x"}) {
+        std::int64_t us = 0;
+        EXPECT_FALSE(ParseTimeSpec(bad, kT0, us)) << bad;
+    }
+}
+
+// zmlog as a program, in an installation whose log directory holds files
+// written here.
+class ZmlogRun : public ::testing::Test {
   protected:
     void SetUp() override { std::filesystem::create_directories(install.LogDir()); }
     std::string LogFile(const std::string& s = "") const { return install.DataFile() + s; }
+    void Write(const std::string& path, const std::string& plain, bool scramble = true) {
+        zmtest::WriteFile(path, scramble ? zmtest::Unscramble(plain) : plain, true);
+    }
     std::vector<std::string> Env(const std::string& tz = "UTC") const {
-        std::vector<std::string> env = install.Env();
-        env.push_back("TZ=" + tz);
-        return env;
+        // Only the log directory is given: the library's set-up would say
+        // that ZM_VELDOR_HOME is not set.
+        return {"ZM_VELDOR_DATA=" + install.Data(), "ZM_VELDOR_HOME", "TZ=" + tz};
     }
-    // Run in the installation's root: without a configuration the library
-    // keeps a private log file in the working directory, not to land in ours.
     zmtest::ProcessResult Run(const std::vector<std::string>& args, const std::string& tz = "UTC") {
-        return zmtest::RunHelper(kZmlog, "zmlog", args, Env(tz), 20s, install.Root());
+        return zmtest::Run(zmtest::ZmlogPath(), "zmlog", args, Env(tz), install.Root());
     }
-    zmtest::TempInstall install;
+    // Record i of a program, written second i after kT0, and its line.
+    static std::string Rec(int i, unsigned level = 2, const std::string& program = "PressLine7",
+                           const std::string& function = "Poll", const std::string& tag = "") {
+        return MakeRecord(function, program, tag, "record " + std::to_string(i), level, 0, false,
+                          4711, kT0 + i * 1000000LL);
+    }
+    static std::string Line(int i, const std::string& level = "INFO",
+                            const std::string& program = "PressLine7",
+                            const std::string& function = "Poll", const std::string& tag = "") {
+        char stamp[40];
+        std::snprintf(stamp, sizeof stamp, "2023-11-14 22:%02d:%02d.123 ", 13 + (20 + i) / 60,
+                      (20 + i) % 60);
+        return stamp + program + "[4711] " + level + " " + function + ": " + tag + "record " +
+               std::to_string(i) + "\n";
+    }
+    zmtest::Installation install{""};
 };
 
-TEST_F(ZmlogTest, ReadsRolledSetOldestFirstAcrossRollBoundaries) {
-    const std::string r1 = Rec(1, 3, "CellEmulation", "Poll", "io", "queue 3");
-    const std::string r2 = Rec(2, 1, "ZMRuntime", "Tick", "", "cycle 17");
+TEST_F(ZmlogRun, ReadsRolledSetOldestFirstAcrossRollBoundaries) {
+    const std::string r1 = Rec(1, 3, "CellEmulation");
+    const std::string r2 = Rec(2, 1, "ZMRuntime");
     // Numbered names order by number, not by text: _10 is the oldest.
-    WriteLogFile(LogFile("_10"), Rec(0, 2, "ZMRuntime", "main", "net", "link up"));
-    WriteLogFile(LogFile("_2"), r1.substr(0, 50));  // a record cut by two rolls
-    WriteLogFile(LogFile("_1"), r1.substr(50) + r2.substr(0, 20));
-    WriteLogFile(LogFile(), r2.substr(20) + Rec(3, 4, "BusBridge", "Scan", "bus", "slave 4 lost"));
-    const std::string expected = Line(0, "ZMRuntime", "INFO main: netlink up") +
-                                 Line(1, "CellEmulation", "WARN Poll: ioqueue 3") +
-                                 Line(2, "ZMRuntime", "DEBUG Tick: cycle 17") +
-                                 Line(3, "BusBridge", "ERROR Scan: busslave 4 lost");
-
+    Write(LogFile("_10"), Rec(0));
+    Write(LogFile("_2"), r1.substr(0, 50));  // a record cut by two rolls
+    Write(LogFile("_1"), r1.substr(50) + r2.substr(0, 20));
+    Write(LogFile(), r2.substr(20) + Rec(3, 4, "BusBridge"));
+    const std::string expected = Line(0) + Line(1, "WARN", "CellEmulation") +
+                                 Line(2, "DEBUG", "ZMRuntime") + Line(3, "ERROR", "BusBridge");
     // No argument: the library's log directory from ZM_VELDOR_DATA.
-    auto r = Run({});
+    const auto r = Run({});
     EXPECT_EQ(r.exitCode, 0);
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.out, expected);
     // Files in the order a shell glob gives them.
     EXPECT_EQ(Run({LogFile(), LogFile("_1"), LogFile("_10"), LogFile("_2")}).out, expected);
     EXPECT_EQ(Run({"--micro", install.LogDir(), "-n", "1"}).out,
-              "2023-11-14 22:13:23.123456 BusBridge[4711] ERROR Scan: busslave 4 lost\n");
+              "2023-11-14 22:13:23.123456 BusBridge[4711] ERROR Poll: record 3\n");
 }
 
-TEST_F(ZmlogTest, JsonFieldsEscapingAndTimeOffset) {
-    const double value = 2.5;
-    const std::string typed(reinterpret_cast<const char*>(&value), 8);
-    const std::string text = "a\nb\t\x01 \xc3\xa9 \xff";
-    WriteLogFile(
-        LogFile(),
-        MakeRecord("say \"hi\"", "ZMRuntime", "t\\g", text, 2, 0, false, 7, kT0, 0xDEADBEEF) +
-            MakeRecord("dump", "emu_core", "bin", std::string("\0\1\xab", 3), 1, 0, true, 8, kT0) +
-            MakeRecord("val", "BusBridge", "v", typed, 6, 12, false, 9, 999999));
-    EXPECT_EQ(Run({"--json"}).out,
-              "{\"time\":\"2023-11-14T22:13:20.123456+00:00\",\"time_us\":1700000000123456,"
-              "\"thread\":7,\"level\":\"INFO\",\"program\":\"ZMRuntime\",\"function\":\"say "
-              "\\\"hi\\\"\",\"tag\":\"t\\\\g\",\"content\":\"a\\nb\\t\\u0001 \xc3\xa9 "
-              "\xef\xbf\xbd\",\"type\":\"text\",\"component\":3735928559,\"binary\":false}\n"
-              "{\"time\":\"2023-11-14T22:13:20.123456+00:00\",\"time_us\":1700000000123456,"
-              "\"thread\":8,\"level\":\"DEBUG\",\"program\":\"emu_core\",\"function\":\"dump\","
-              "\"tag\":\"bin\",\"content\":\"0001ab\",\"type\":\"binary\",\"component\":0,"
-              "\"binary\":true}\n"
-              "{\"time\":\"1970-01-01T00:00:00.999999+00:00\",\"time_us\":999999,\"thread\":9,"
-              "\"level\":\"Record\",\"program\":\"BusBridge\",\"function\":\"val\",\"tag\":\"v\","
-              "\"content\":\"2.5\",\"type\":\"double\",\"value\":2.5,\"component\":0,"
-              "\"binary\":false}\n");
-    // The offset is the local zone's.
-    EXPECT_NE(
-        Run({"--json", "-n", "1"}, "IST-5:30").out.find("\"1970-01-01T05:30:00.999999+05:30\""),
-        std::string::npos);
-}
-
-TEST_F(ZmlogTest, FiltersAndColour) {
+TEST_F(ZmlogRun, FiltersAndColour) {
     // "MyTool" is no program the library's decoder knows: shown all the same.
-    WriteLogFile(LogFile(), Rec(0, 2, "ZMRuntime", "Up", "net", "link up") +
-                                Rec(1, 3, "CellEmulation", "Poll", "io", "queue full") +
-                                Rec(2, 4, "MyTool", "Save", "net", "disk full") +
-                                Rec(3, 5, "ZMRuntime", "Down", "io", "link down"));
-    const std::string up = Line(0, "ZMRuntime", "INFO Up: netlink up");
-    const std::string poll = Line(1, "CellEmulation", "WARN Poll: ioqueue full");
-    const std::string save = Line(2, "MyTool", "ERROR Save: netdisk full");
-    const std::string down = Line(3, "ZMRuntime", "FATAL Down: iolink down");
+    Write(LogFile(), Rec(0, 2, "ZMRuntime", "Up", "net") + Rec(1, 3, "CellEmulation", "Poll", "io") +
+                         Rec(2, 4, "MyTool", "Save", "net") + Rec(3, 5, "ZMRuntime", "Down", "io"));
+    const std::string up = Line(0, "INFO", "ZMRuntime", "Up", "net");
+    const std::string poll = Line(1, "WARN", "CellEmulation", "Poll", "io");
+    const std::string save = Line(2, "ERROR", "MyTool", "Save", "net");
+    const std::string down = Line(3, "FATAL", "ZMRuntime", "Down", "io");
     const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{}, up + poll + save + down},  // no colour into a pipe
-        {{"--color=always", "--tag=net"},
-         Line(0, "ZMRuntime", "\x1b[32mINFO\x1b[0m Up: netlink up") +
-             Line(2, "MyTool", "\x1b[31mERROR\x1b[0m Save: netdisk full")},
+        {{"--color=always", "--tag=net", "--level=error"},
+         "2023-11-14 22:13:22.123 MyTool[4711] \x1b[31mERROR\x1b[0m Save: netrecord 2\n"},
         {{"--level", "warn"}, poll + save + down},
         {{"--level=ERROR", "--program", "MyTool"}, save},
         {{"--program=ZMRuntime", "--program=CellEmulation", "--level=4"}, down},
         {{"--tag", "io"}, poll + down},
-        {{"--grep", "full"}, poll + save},
+        {{"--grep", "record 2"}, save},
         {{"--grep", "Dow"}, down},  // the function name counts too
         {{"--since", "2023-11-14 22:13:21", "--until", "2023-11-14T22:13:23.123456"},
          poll + save + down},
         {{"--until", "2023-11-14 22:13:20"}, ""},
         {{"-n", "2"}, save + down},
+        {{"-r", "-n", "2"}, down + save},
         {{"-n1", "--level=info", "--program=ZMRuntime", "--tag=net"}, up},
         {{"-n", "0"}, ""},
     };
@@ -142,13 +260,10 @@ TEST_F(ZmlogTest, FiltersAndColour) {
         EXPECT_EQ(Run(args).out, out) << ::testing::PrintToString(args);
 }
 
-TEST_F(ZmlogTest, StatsCountProgramsLevelsSpanAndDamage) {
-    WriteLogFile(LogFile("_1"), "junk" + Rec(0, 2, "ZMRuntime", "Up", "", "a"));
-    WriteLogFile(LogFile(), Rec(1, 3, "CellEmulation", "Poll", "", "b") +
-                                Rec(2, 4, "MyTool", "Save", "", "x") +
-                                Rec(3, 3, "ZMRuntime", "Up", "", "c") +
-                                Rec(5, 2, "ZMRuntime", "Up", "", "lost at the end").substr(0, 40));
-
+TEST_F(ZmlogRun, StatsCountProgramsLevelsSpanAndDamage) {
+    Write(LogFile("_1"), "junk" + Rec(0, 2, "ZMRuntime"));
+    Write(LogFile(), Rec(1, 3, "CellEmulation") + Rec(2, 4, "MyTool") + Rec(3, 3, "ZMRuntime") +
+                         Rec(5, 2, "ZMRuntime").substr(0, 40));
     // Damaged: "junk" and the cut record's 40 bytes.
     const std::string expected =
         "records: 4\nspan: 2023-11-14 22:13:20.123456 .. 2023-11-14 22:13:23.123456\n"
@@ -167,45 +282,68 @@ TEST_F(ZmlogTest, StatsCountProgramsLevelsSpanAndDamage) {
     EXPECT_NE(r.out.find(",\"damaged_bytes\":44,"), std::string::npos) << r.out;
 }
 
-TEST_F(ZmlogTest, HostileInputIsSkippedWithoutCrashOrHang) {
-    std::string stream;
-    std::mt19937 random(7);
-    for (int i = 0; i < 65536; ++i) stream.push_back(static_cast<char>(random()));
-    stream += Rec(0, 2, "ZMRuntime", "Up", "", "after noise");
-    // Unknown level and value type, extreme times, and a typed value with
-    // fewer bytes than its type at the very end.
-    stream += MakeRecord("l7", "emu_core", "", "x", 7, 0, false, 1, INT64_MIN);
-    stream += MakeRecord("vt", "emu_core", "", "x", 2, 99, false, 1, INT64_MAX);
-    stream += MakeRecord("Short", "ZMRuntime", "", "", 2, 13, false, 4711, kT0 + 3000000);
-    WriteLogFile(LogFile(), stream);
-
-    // No crash, no hang.
-    for (const char* format : {"--micro", "--json", "--stats"})
-        EXPECT_EQ(Run({format}).exitCode, 0);
-    const std::string out = Run({}).out;
-    EXPECT_NE(out.find(Line(0, "ZMRuntime", "INFO Up: after noise")), std::string::npos) << out;
-    EXPECT_NE(out.find(Line(3, "ZMRuntime", "INFO Short: 0")), std::string::npos) << out;
+TEST_F(ZmlogRun, SaysWhatItCouldNotReadAndNothingElse) {
+    // Unknown level and value type and extreme times are damage; a typed
+    // value with fewer bytes than its type at the very end reads as zeros.
+    Write(LogFile("_1"), Rec(0) + "junk" + MakeRecord("l7", "emu_core", "", "x", 7, 0, false, 1, INT64_MIN) +
+                             MakeRecord("vt", "emu_core", "", "x", 2, 99, false, 1, INT64_MAX));
+    Write(LogFile(), "bad" + Rec(1) + MakeRecord("Short", "ZMRuntime", "", "", 2, 13, false, 4711, kT0 + 3000000));
+    std::string noise(100000, '\0');
+    std::mt19937 random(3);
+    for (char& c : noise) c = static_cast<char>(random());
+    const std::string noiseFile = install.Root() + "/noise.data";
+    Write(noiseFile, noise, false);
+    const std::string textLog = "2023-11-14 22:13:20.123|4711|INFO|main|netlink up\n";
+    const std::string textFile = install.Root() + "/PressLine7.log";
+    Write(textFile, textLog, false);
+    const std::string lines = Line(0) + Line(1) + "2023-11-14 22:13:23.123 ZMRuntime[4711] INFO Short: 0\n";
+    const std::string damage = "zmlog: skipped 93 damaged bytes (90 in " + LogFile("_1") +
+                               ", 3 in " + LogFile() + ")\n";
+    // The library's notes on the environment never appear: zmlog only reads.
+    const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
+        {{}, 0, lines, damage},
+        {{"-q"}, 0, lines, ""},
+        {{noiseFile},
+         3,
+         "",
+         "zmlog: no log record in " + noiseFile + " (100000 bytes): not a log of the runtime\n"},
+        {{textFile},
+         0,
+         textLog,
+         "zmlog: " + textFile + " holds text, not log records: shown as it is\n"},
+        {{"--quiet", textFile}, 0, textLog, ""},
+    };
+    for (const auto& [args, status, out, err] : cases) {
+        const auto r = Run(args);
+        EXPECT_EQ(r.exitCode, status) << ::testing::PrintToString(args);
+        EXPECT_EQ(r.out, out) << ::testing::PrintToString(args);
+        EXPECT_EQ(r.err, err) << ::testing::PrintToString(args);
+    }
+    // Times printed and read in UTC whatever the zone; JSON says the zone's offset.
+    EXPECT_EQ(Run({"-q", "--utc", "--since", "2023-11-14 22:13:21", "--until", "2023-11-14 22:13:22"}, "IST-5:30").out,
+              Line(1));
+    EXPECT_NE(Run({"-q", "--json", "-n", "1"}, "IST-5:30").out.find("\"2023-11-15T03:43:23.123456+05:30\""),
+              std::string::npos);
 }
 
-TEST_F(ZmlogTest, ErrorsGiveOneLineAndStatus) {
+TEST_F(ZmlogRun, ErrorsGiveOneLineAndStatus) {
     const std::string missing = install.Root() + "/nowhere";
     const std::string time =
         " (use YYYY-MM-DD [HH:MM[:SS]], HH:MM[:SS], now, today, yesterday, or -15min, -2h, -1d)";
-    const std::string levels = " (trace, debug, info, warn, error, fatal, record)";
     const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
         {{missing}, 1, "cannot open " + missing + ": No such file or directory"},
         {{}, 1, "no RUNTIME.data in " + install.LogDir()},
         {{"--bogus=1"}, 2, "unknown option '--bogus' (see zmlog --help)"},
         {{"--level"}, 2, "option '--level' needs a value"},
-        {{"--level", "loud"}, 2, "unknown level 'loud'" + levels},
+        {{"--level", "loud"}, 2,
+         "unknown level 'loud' (trace, debug, info, warn, error, fatal, record)"},
         {{"--since", "someday"}, 2, "bad time 'someday' for --since" + time},
         {{"--until", "2023-02-30"}, 2, "bad time '2023-02-30' for --until" + time},
         {{"-n", "-3"}, 2, "bad count '-3' for -n"},
         {{"--stats", "-f"}, 2, "--stats cannot be combined with --follow"},
         {{"-o", "syslog", "-n", "3"}, 2, "--output=syslog cannot be combined with -n"},
         {{"--cursor-file=c"}, 2, "--cursor-file needs --forward or --output=syslog"},
-        {{"--facility=lcoal0"},
-         2,
+        {{"--facility=lcoal0"}, 2,
          "unknown facility 'lcoal0' (kern, user, daemon, ..., local0 ... local7, or 0 to 23)"},
     };
     for (const auto& [args, status, message] : cases) {
@@ -215,30 +353,46 @@ TEST_F(ZmlogTest, ErrorsGiveOneLineAndStatus) {
         EXPECT_EQ(r.out, "");
     }
     std::filesystem::remove_all(install.LogDir());
-    const auto r = Run({});
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_EQ(r.err,
+    EXPECT_EQ(Run({}).err,
               "zmlog: cannot read directory " + install.LogDir() + ": No such file or directory\n");
 }
 
-TEST_F(ZmlogTest, FollowShowsAppendedRecordsAndSurvivesARoll) {
-    WriteLogFile(LogFile(), Rec(0, 2, "ZMRuntime", "Up", "", "first"));
-    zmtest::Child follow(kZmlog, "zmlog", {"-f"}, Env(), install.Root());
-    ASSERT_TRUE(follow.WaitForOutput(Line(0, "ZMRuntime", "INFO Up: first"), 5s));
-    WriteLogFile(LogFile(), Rec(1, 2, "ZMRuntime", "Up", "", "appended"), true);
-    EXPECT_TRUE(follow.WaitForOutput(Line(1, "ZMRuntime", "INFO Up: appended"), 5s));
-
-    // A roll: the old file gets the first half of a record (and is renamed
-    // before zmlog may have seen it), the new file the second half.
-    const std::string cut = Rec(2, 2, "ZMRuntime", "Up", "", "across the roll");
-    WriteLogFile(LogFile(), cut.substr(0, 30), true);
-    std::filesystem::rename(LogFile(), LogFile("_1"));
-    WriteLogFile(LogFile(), cut.substr(30) + Rec(3, 2, "ZMRuntime", "Up", "", "new file"));
-    EXPECT_TRUE(follow.WaitForOutput(Line(3, "ZMRuntime", "INFO Up: new file"), 5s));
-    EXPECT_EQ(follow.OutSoFar(), Line(0, "ZMRuntime", "INFO Up: first") +
-                                     Line(1, "ZMRuntime", "INFO Up: appended") +
-                                     Line(2, "ZMRuntime", "INFO Up: across the roll") +
-                                     Line(3, "ZMRuntime", "INFO Up: new file"));
+// The follower prints what is appended, and every record once, in order,
+// when the log rolls twice while it is stopped (as when its output blocks):
+// those of the file created and rolled away meanwhile and those cut by a
+// roll included.
+TEST_F(ZmlogRun, FollowerPrintsEveryRecordOnceAcrossRolls) {
+    std::string expected;
+    int next = 0;
+    const auto records = [&](int n) {
+        std::string plain;
+        for (int i = 0; i < n; ++i, ++next) {
+            plain += Rec(next);
+            expected += Line(next);
+        }
+        return plain;
+    };
+    Write(LogFile(), records(5));
+    zmtest::Child follow(zmtest::ZmlogPath(), "zmlog", {"-f"}, Env(), install.Root());
+    ASSERT_TRUE(follow.WaitForOutput(Line(4)));
+    Write(LogFile(), records(1));
+    ASSERT_TRUE(follow.WaitForOutput(Line(5)));
+    follow.Signal(SIGSTOP);
+    const std::string stat = "/proc/" + std::to_string(follow.Pid()) + "/stat";
+    ASSERT_TRUE(zmtest::WaitUntil(
+        [&] { return zmtest::ReadFile(stat).find(") T ") != std::string::npos; }));
+    for (int roll = 0; roll < 2; ++roll) {
+        const std::string plain = records(5);
+        const std::string cut = records(1);
+        Write(LogFile(), plain + cut.substr(0, 30));
+        if (roll == 1) std::filesystem::rename(LogFile("_1"), LogFile("_2"));
+        std::filesystem::rename(LogFile(), LogFile("_1"));
+        Write(LogFile(), cut.substr(30) + records(4));
+    }
+    follow.Signal(SIGCONT);
+    Write(LogFile(), records(1));
+    ASSERT_TRUE(follow.WaitForOutput(Line(next - 1))) << follow.OutSoFar();
+    EXPECT_EQ(follow.OutSoFar(), expected);
 }
 
 }  // namespace

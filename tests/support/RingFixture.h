@@ -6,11 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "log/ZMRuntimeLog.h"
-#include "support/TestSupport.h"
-#include "transport/MEMManager.h"
+#include "support/Fixtures.h"
 #include "transport/SHMManager.h"
 #include "transport/SemManager.h"
 
@@ -28,9 +26,7 @@ class SharedRingTest : public ::testing::Test {
         ring = RingHead::instance;
         ASSERT_TRUE(ring->SetActive(1));
         ASSERT_TRUE(ring->SetLevel(0));
-        install.WriteConfig("[log]\n");
     }
-
     void TearDown() override {
         using namespace PF::Utils::LOG;
         RingHead::instance = nullptr;
@@ -39,17 +35,14 @@ class SharedRingTest : public ::testing::Test {
         SHMManager::DeleteSHM();
         ConfManager::outputMode = true;
     }
-
     // Everything published so far.
     std::string Drain() {
         std::string bytes(ring->capacity, '\0');
-        unsigned n = ring->Dequeue(bytes.data(), static_cast<unsigned>(bytes.size()));
-        bytes.resize(n);
+        bytes.resize(ring->Dequeue(bytes.data(), static_cast<unsigned>(bytes.size())));
         return bytes;
     }
 
-    GlobalNamesLock names;  // first member: held before anything is created
-    TempInstall install;
+    Installation install;  // first: holds the shared names before anything is created
     PF::Utils::LOG::RingHead* ring = nullptr;
 };
 

@@ -90,7 +90,7 @@ for who in server client; do
     -days 2 -extfile $who.ext
 done
 )";
-    return RunHelper("/bin/sh", "sh", {"-c", script, "sh", dir}).exitCode == 0;
+    return Run("/bin/sh", "sh", {"-c", script, "sh", dir}).exitCode == 0;
 }
 
 Rsyslog::Rsyslog(const std::string& dir, const std::string& input, const std::string& certDir)

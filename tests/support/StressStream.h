@@ -10,7 +10,7 @@
 namespace zmtest {
 
 inline constexpr const char* kStressTag = "stress";
-inline constexpr const char* kStressFunction = "WriteStream";
+inline constexpr const char* kStressFunction = "StreamRecord";
 
 // "p<p> t<t> s<s> " followed by a filler whose length and letters depend on
 // (p, t, s), so that a record swapped, cut or shifted never compares equal.

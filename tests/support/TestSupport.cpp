@@ -10,9 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -21,64 +19,37 @@
 extern char** environ;
 
 namespace zmtest {
-namespace fs = std::filesystem;
 
-TempInstall::TempInstall() {
-    char pattern[] = "/tmp/zmlog-test-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
-    root_ = pattern;
-    fs::create_directories(Home() + "/conf");
-    fs::create_directories(Data());
+std::string HelperPath() {
+    return ZMLOG_HELPER_DIR "/LogHelper";
 }
 
-TempInstall::~TempInstall() {
-    if (exported_) {
-        unsetenv("ZM_VELDOR_HOME");
-        unsetenv("ZM_VELDOR_DATA");
-    }
-    std::error_code ec;
-    fs::remove_all(root_, ec);
+std::string ZmlogPath() {
+    return ZMLOG_TOOLS_DIR "/zmlog/zmlog";
 }
 
-void TempInstall::WriteConfig(const std::string& text) const {
-    WriteFile(ConfPath(), text);
-}
-
-std::vector<std::string> TempInstall::Env() const {
-    return {"ZM_VELDOR_HOME=" + Home(), "ZM_VELDOR_DATA=" + Data()};
-}
-
-void TempInstall::ExportEnv() {
-    setenv("ZM_VELDOR_HOME", Home().c_str(), 1);
-    setenv("ZM_VELDOR_DATA", Data().c_str(), 1);
-    exported_ = true;
-}
-
-std::string HelperPath(const std::string& helper) {
-    if (!helper.empty() && helper[0] == '/') return helper;  // any program, by absolute path
-    return std::string(ZMLOG_HELPER_DIR) + "/" + helper;
-}
-
-Child::Child(const std::string& helper, const std::string& role,
+Child::Child(const std::string& program, const std::string& role,
              const std::vector<std::string>& args, const std::vector<std::string>& env,
              const std::string& cwd) {
+    int in[2];
     int out[2];
     int err[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+        throw std::runtime_error("pipe");
 
     // Everything the child needs is prepared before fork.
-    std::string path = HelperPath(helper);
     std::vector<std::string> argvText{role};
     argvText.insert(argvText.end(), args.begin(), args.end());
     std::vector<std::string> envText;
+    auto nameOf = [](const std::string& e) { return e.substr(0, e.find('=')); };
     for (char** e = environ; *e != nullptr; ++e) {
-        std::string entry(*e);
-        std::string name = entry.substr(0, entry.find('='));
         bool replaced = false;
-        for (const auto& mine : env) replaced = replaced || mine.substr(0, mine.find('=')) == name;
-        if (!replaced) envText.push_back(entry);
+        for (const auto& mine : env) replaced = replaced || nameOf(mine) == nameOf(*e);
+        if (!replaced) envText.emplace_back(*e);
     }
-    envText.insert(envText.end(), env.begin(), env.end());
+    for (const auto& mine : env) {
+        if (mine.find('=') != std::string::npos) envText.push_back(mine);
+    }
     std::vector<char*> argv;
     for (auto& a : argvText) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -89,14 +60,17 @@ Child::Child(const std::string& helper, const std::string& role,
     pid_ = fork();
     if (pid_ < 0) throw std::runtime_error("fork");
     if (pid_ == 0) {
+        dup2(in[0], 0);
         dup2(out[1], 1);
         dup2(err[1], 2);
         if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
-        execve(path.c_str(), argv.data(), envp.data());
+        execve(program.c_str(), argv.data(), envp.data());
         _exit(127);
     }
+    close(in[0]);
     close(out[1]);
     close(err[1]);
+    inFd_ = in[1];
     outFd_ = out[0];
     errFd_ = err[0];
 }
@@ -106,22 +80,30 @@ Child::~Child() {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
-    if (outFd_ >= 0) close(outFd_);
-    if (errFd_ >= 0) close(errFd_);
+    for (int fd : {inFd_, outFd_, errFd_}) {
+        if (fd >= 0) close(fd);
+    }
 }
 
 void Child::Signal(int sig) const {
     kill(pid_, sig);
 }
 
+void Child::Send(const std::string& line) {
+    const std::string text = line + "\n";
+    if (inFd_ >= 0 && write(inFd_, text.data(), text.size()) < 0) {
+        close(inFd_);
+        inFd_ = -1;
+    }
+}
+
 void Child::Pump(int timeoutMs) {
     pollfd fds[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
-    int n = poll(fds, 2, timeoutMs);
-    if (n <= 0) return;
+    if (poll(fds, 2, timeoutMs) <= 0) return;
     char buf[65536];
     for (int i = 0; i < 2; ++i) {
-        if ((fds[i].revents & (POLLIN | POLLHUP)) == 0 || fds[i].fd < 0) continue;
-        ssize_t r = read(fds[i].fd, buf, sizeof buf);
+        if (fds[i].fd < 0 || (fds[i].revents & (POLLIN | POLLHUP)) == 0) continue;
+        const ssize_t r = read(fds[i].fd, buf, sizeof buf);
         if (r > 0) {
             (i == 0 ? out_ : err_).append(buf, static_cast<size_t>(r));
         } else if (r == 0) {
@@ -131,9 +113,14 @@ void Child::Pump(int timeoutMs) {
     }
 }
 
-bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (out_.find(text) == std::string::npos) {
+bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds timeout, int times) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    auto seen = [&] {
+        int n = 0;
+        for (size_t at = out_.find(text); at != std::string::npos; at = out_.find(text, at + 1)) ++n;
+        return n >= times;
+    };
+    while (!seen()) {
         if (std::chrono::steady_clock::now() >= deadline || outFd_ < 0) return false;
         Pump(10);
     }
@@ -142,16 +129,15 @@ bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds tim
 
 ProcessResult Child::Wait(std::chrono::milliseconds timeout) {
     if (reaped_) return result_;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     int status = 0;
     for (;;) {
         if (outFd_ >= 0 || errFd_ >= 0) {
             Pump(5);
         } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            std::this_thread::sleep_for(2ms);
         }
-        pid_t r = waitpid(pid_, &status, WNOHANG);
-        if (r == pid_) break;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) break;
         if (std::chrono::steady_clock::now() >= deadline) {
             result_.timedOut = true;
             kill(pid_, SIGKILL);
@@ -159,7 +145,6 @@ ProcessResult Child::Wait(std::chrono::milliseconds timeout) {
             break;
         }
     }
-    // Drain whatever is still in the pipes.
     while (outFd_ >= 0 || errFd_ >= 0) Pump(100);
     reaped_ = true;
     if (WIFEXITED(status)) result_.exitCode = WEXITSTATUS(status);
@@ -169,18 +154,18 @@ ProcessResult Child::Wait(std::chrono::milliseconds timeout) {
     return result_;
 }
 
-ProcessResult RunHelper(const std::string& helper, const std::string& role,
-                        const std::vector<std::string>& args, const std::vector<std::string>& env,
-                        std::chrono::milliseconds timeout, const std::string& cwd) {
-    Child child(helper, role, args, env, cwd);
+ProcessResult Run(const std::string& program, const std::string& role,
+                  const std::vector<std::string>& args, const std::vector<std::string>& env,
+                  const std::string& cwd, std::chrono::milliseconds timeout) {
+    Child child(program, role, args, env, cwd);
     return child.Wait(timeout);
 }
 
 bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!pred()) {
         if (std::chrono::steady_clock::now() >= deadline) return pred();
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::this_thread::sleep_for(5ms);
     }
     return true;
 }
@@ -192,9 +177,8 @@ std::string ReadFile(const std::string& path) {
     return s.str();
 }
 
-void WriteFile(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << bytes;
+void WriteFile(const std::string& path, const std::string& bytes, bool append) {
+    std::ofstream(path, std::ios::binary | (append ? std::ios::app : std::ios::trunc)) << bytes;
 }
 
 bool Exists(const std::string& path) {
@@ -205,6 +189,25 @@ bool Exists(const std::string& path) {
 long FileSize(const std::string& path) {
     struct stat st {};
     return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
+}
+
+std::string CaptureFd(int fd, const std::function<void()>& fn) {
+    fflush(nullptr);
+    char path[] = "/tmp/zmlog-capture-XXXXXX";
+    const int tmp = mkstemp(path);
+    unlink(path);
+    const int saved = dup(fd);
+    dup2(tmp, fd);
+    fn();
+    fflush(nullptr);
+    dup2(saved, fd);
+    close(saved);
+    std::string text;
+    lseek(tmp, 0, SEEK_SET);
+    char buf[4096];
+    for (ssize_t n; (n = read(tmp, buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+    close(tmp);
+    return text;
 }
 
 std::string Unscramble(std::string bytes) {
@@ -218,18 +221,18 @@ std::vector<Record> WalkRecords(const std::string& bytes, size_t* consumed) {
     while (bytes.size() - pos >= sizeof(PF::Utils::LOG::LogHead)) {
         Record r;
         std::memcpy(&r.head, bytes.data() + pos, sizeof r.head);
-        size_t body =
+        const size_t body =
             size_t{r.head.functionLen} + r.head.programLen + r.head.tagLen + r.head.contentLen;
         if (bytes.size() - pos - 32 < body) break;
         size_t at = pos + 32;
-        r.function = bytes.substr(at, r.head.functionLen);
-        at += r.head.functionLen;
-        r.program = bytes.substr(at, r.head.programLen);
-        at += r.head.programLen;
-        r.tag = bytes.substr(at, r.head.tagLen);
-        at += r.head.tagLen;
-        r.content = bytes.substr(at, r.head.contentLen);
-        pos = at + r.head.contentLen;
+        for (auto [field, len] : {std::pair{&r.function, size_t{r.head.functionLen}},
+                                  {&r.program, size_t{r.head.programLen}},
+                                  {&r.tag, size_t{r.head.tagLen}},
+                                  {&r.content, size_t{r.head.contentLen}}}) {
+            *field = bytes.substr(at, len);
+            at += len;
+        }
+        pos = at;
         records.push_back(std::move(r));
     }
     if (consumed != nullptr) *consumed = pos;
@@ -250,35 +253,17 @@ std::string MakeRecord(const std::string& function, const std::string& program,
     h.threadId = threadId;
     h.component = component;
     h.timeUs = timeUs;
-    std::string out(reinterpret_cast<const char*>(&h), sizeof h);
-    return out + function + program + tag + content;
+    return std::string(reinterpret_cast<const char*>(&h), sizeof h) + function + program + tag +
+           content;
 }
 
-std::string CaptureFd(int fd, const std::function<void()>& fn) {
-    fflush(nullptr);
-    char path[] = "/tmp/zmlog-capture-XXXXXX";
-    int tmp = mkstemp(path);
-    unlink(path);
-    int saved = dup(fd);
-    dup2(tmp, fd);
-    fn();
-    fflush(nullptr);
-    dup2(saved, fd);
-    close(saved);
-    std::string text;
-    lseek(tmp, 0, SEEK_SET);
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(tmp, buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
-    close(tmp);
-    return text;
-}
-
+namespace {
 void RemoveGlobalNames() {
     shm_unlink("ZMLOG");
     sem_unlink("/WriteLOG");
     sem_unlink("/ReadLOG");
 }
+}  // namespace
 
 GlobalNamesLock::GlobalNamesLock() {
     fd_ = open("/dev/shm/zmlog-global-names.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);

@@ -1,7 +1,6 @@
-// Plumbing shared by the tests: a fresh installation in a temporary
-// directory, child processes started with a role name as argv[0], the lock
-// around the machine-global shared names, and a small independent reader of
-// the record stream (deliberately not the library's decoder).
+// Plumbing shared by the tests: child processes started with a role name as
+// argv[0], files, captured output, and a small independent reader of the
+// record stream (deliberately not the library's decoder).
 #pragma once
 
 #include <sys/types.h>
@@ -15,32 +14,7 @@
 
 namespace zmtest {
 
-// A fresh installation: <root>/home/conf and <root>/data; the log directory
-// is <root>/data/log. Removed with everything in it at destruction.
-class TempInstall {
-  public:
-    TempInstall();
-    ~TempInstall();
-    TempInstall(const TempInstall&) = delete;
-    TempInstall& operator=(const TempInstall&) = delete;
-
-    const std::string& Root() const { return root_; }
-    std::string Home() const { return root_ + "/home"; }
-    std::string Data() const { return root_ + "/data"; }
-    std::string ConfPath() const { return Home() + "/conf/RUNTIMELOG.cfg"; }
-    std::string LogDir() const { return Data() + "/log"; }
-    std::string DataFile() const { return LogDir() + "/RUNTIME.data"; }
-
-    void WriteConfig(const std::string& text) const;
-    // ZM_VELDOR_HOME and ZM_VELDOR_DATA for a child.
-    std::vector<std::string> Env() const;
-    // The same in this process (restored at destruction).
-    void ExportEnv();
-
-  private:
-    std::string root_;
-    bool exported_ = false;
-};
+using namespace std::chrono_literals;
 
 struct ProcessResult {
     int exitCode = -1;  // -1 when killed by a signal
@@ -50,13 +24,12 @@ struct ProcessResult {
     std::string err;
 };
 
-// A running helper program; stdout and stderr are captured.
+// A running program with argv[0] = role; its stdin is a pipe the test writes
+// to, its stdout and stderr are captured. env entries "NAME=value" are added
+// to this environment (or replace a variable; "NAME" alone removes it).
 class Child {
   public:
-    // Runs tests' helper `helper` (or a program given by absolute path) with argv[0] = role and the
-    // given arguments; env entries ("NAME=value") are added to (or replace) this environment. cwd,
-    // when given, is the child's working directory.
-    Child(const std::string& helper, const std::string& role, const std::vector<std::string>& args,
+    Child(const std::string& program, const std::string& role, const std::vector<std::string>& args,
           const std::vector<std::string>& env = {}, const std::string& cwd = "");
     ~Child();
     Child(const Child&) = delete;
@@ -64,15 +37,19 @@ class Child {
 
     pid_t Pid() const { return pid_; }
     void Signal(int sig) const;
-    // Waits up to timeout; kills with SIGKILL after it.
-    ProcessResult Wait(std::chrono::milliseconds timeout = std::chrono::seconds(30));
-    // Reads stdout until it contains text (or the deadline passes).
-    bool WaitForOutput(const std::string& text, std::chrono::milliseconds timeout);
+    void Send(const std::string& line);  // one line to its stdin
+    // Waits for text to be in stdout (times times); false when the deadline
+    // passed first.
+    bool WaitForOutput(const std::string& text, std::chrono::milliseconds timeout = 10s,
+                       int times = 1);
+    // Waits for the end (SIGKILL after the timeout) and returns everything.
+    ProcessResult Wait(std::chrono::milliseconds timeout = 30s);
     const std::string& OutSoFar() const { return out_; }
 
   private:
     void Pump(int timeoutMs);
     pid_t pid_ = -1;
+    int inFd_ = -1;
     int outFd_ = -1;
     int errFd_ = -1;
     std::string out_;
@@ -81,22 +58,23 @@ class Child {
     ProcessResult result_;
 };
 
-ProcessResult RunHelper(const std::string& helper, const std::string& role,
-                        const std::vector<std::string>& args,
-                        const std::vector<std::string>& env = {},
-                        std::chrono::milliseconds timeout = std::chrono::seconds(30),
-                        const std::string& cwd = "");
+ProcessResult Run(const std::string& program, const std::string& role,
+                  const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                  const std::string& cwd = "", std::chrono::milliseconds timeout = 30s);
 
-std::string HelperPath(const std::string& helper);
+// The tests' helper program, and zmlog.
+std::string HelperPath();
+std::string ZmlogPath();
 
 // Polls pred every few milliseconds until it holds or the deadline passes.
-bool WaitUntil(const std::function<bool()>& pred,
-               std::chrono::milliseconds timeout = std::chrono::seconds(5));
+bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout = 10s);
 
 std::string ReadFile(const std::string& path);
-void WriteFile(const std::string& path, const std::string& bytes);
+void WriteFile(const std::string& path, const std::string& bytes, bool append = false);
 bool Exists(const std::string& path);
 long FileSize(const std::string& path);  // -1 when missing
+// Captures what fn writes to fd 1 or 2 (through dup2).
+std::string CaptureFd(int fd, const std::function<void()>& fn);
 
 // Inverts bit 7 of every byte (the archiver's scrambling is its own inverse).
 std::string Unscramble(std::string bytes);
@@ -118,11 +96,10 @@ std::string MakeRecord(const std::string& function, const std::string& program,
                        unsigned valueType = 0, bool binary = false, unsigned threadId = 4711,
                        long long timeUs = 1700000000123456LL, unsigned component = 0);
 
-// Captures what fn writes to fd 1 or 2 (through dup2).
-std::string CaptureFd(int fd, const std::function<void()>& fn);
-
-// Serialises tests that use "ZMLOG", "/WriteLOG" and "/ReadLOG" across
-// processes (an flock), and removes leftovers of those names on entry and exit.
+// Serialises the tests that use "ZMLOG", "/WriteLOG" and "/ReadLOG" (an
+// flock beside them in /dev/shm) and removes leftovers of those names on
+// entry and exit. Where the test process has a /dev/shm of its own (see
+// TestMain.cpp) the names are its own and nothing waits.
 class GlobalNamesLock {
   public:
     GlobalNamesLock();
@@ -133,6 +110,5 @@ class GlobalNamesLock {
   private:
     int fd_ = -1;
 };
-void RemoveGlobalNames();
 
 }  // namespace zmtest

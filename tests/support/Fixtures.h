@@ -1,0 +1,82 @@
+// Fixtures named after what a test sets up: a fresh installation, the
+// helper program in a role inside it, a runtime, and what reached the log.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/TestSupport.h"
+
+namespace zmtest {
+
+// A fresh installation in a temporary directory: the configuration in
+// <root>/home/conf, the log in <root>/data/log. Holds the shared names for
+// the test, and removes everything at the end.
+class Installation {
+  public:
+    static constexpr const char* kConfig = "[log]\nlogActive=true\nlogLevel=trace\n";
+    // config "": no configuration file, so processes keep a private log.
+    explicit Installation(const std::string& config = kConfig);
+    ~Installation();
+    Installation(const Installation&) = delete;
+    Installation& operator=(const Installation&) = delete;
+
+    const std::string& Root() const { return root_; }
+    std::string Home() const { return root_ + "/home"; }
+    std::string Data() const { return root_ + "/data"; }
+    std::string ConfPath() const { return Home() + "/conf/RUNTIMELOG.cfg"; }
+    std::string LogDir() const { return Data() + "/log"; }
+    std::string DataFile() const { return LogDir() + "/RUNTIME.data"; }
+    void WriteConfig(const std::string& text) const;
+    void AppendConfig(const std::string& line) const;
+
+    // ZM_VELDOR_HOME and ZM_VELDOR_DATA for a child.
+    std::vector<std::string> Env() const;
+    // The same in this process, until the end of the test.
+    void ExportEnv();
+
+    // The helper program as role, running steps, with the installation's
+    // root as its working directory.
+    std::unique_ptr<Child> Start(const std::string& role,
+                                 const std::vector<std::string>& steps) const;
+    ProcessResult Run(const std::string& role, const std::vector<std::string>& steps) const;
+
+  private:
+    GlobalNamesLock names_;  // first: held before anything is created
+    std::string root_;
+    bool exported_ = false;
+};
+
+// The installation's runtime, "ZMRuntime" running the helper: started at
+// construction, released (twice: the second release finds nothing) on
+// request, and checked to end cleanly and silently.
+class Runtime {
+  public:
+    explicit Runtime(const Installation& install);
+    ProcessResult Release();
+    Child& Process() { return *child_; }
+
+  private:
+    std::unique_ptr<Child> child_;
+};
+
+// What reached the log: the rolled set of RUNTIME.data, oldest first,
+// unscrambled and walked record by record; from skips that many bytes of
+// the current file.
+struct DecodedLog {
+    explicit DecodedLog(const std::string& dataFile, long from = 0);
+    // Sequence numbers of the helper's "<role>-<seq>" records, in log order.
+    std::vector<long> Seqs(const std::string& role) const;
+
+    std::vector<std::string> files;
+    std::vector<Record> records;
+    std::uint64_t bytes = 0;
+    std::uint64_t damagedBytes = 0;  // not covered by whole records
+};
+
+// "logged <n> dropped <d> ...": the records a helper's log step could not
+// write within the lock's deadline, from its output.
+std::vector<long> DroppedSeqs(const std::string& out);
+
+}  // namespace zmtest

@@ -1,0 +1,44 @@
+// The suite's main. Where the system allows it (as root, or in a user
+// namespace of its own) the test process mounts a /dev/shm of its own before
+// any test runs, so the names "ZMLOG", "/WriteLOG" and "/ReadLOG" of it and
+// of the helper processes it starts are theirs alone: tests then run side by
+// side, and never touch the ring of a runtime that runs on the same machine.
+// Elsewhere GlobalNamesLock serialises the tests that use the names.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace {
+
+bool WriteProcFile(const char* path, const std::string& text) {
+    const int fd = open(path, O_WRONLY | O_CLOEXEC);
+    const bool ok = fd >= 0 && write(fd, text.data(), text.size()) == ssize_t(text.size());
+    if (fd >= 0) close(fd);
+    return ok;
+}
+
+bool TakeOwnDevShm() {
+    const uid_t uid = getuid();
+    const gid_t gid = getgid();
+    if (unshare(CLONE_NEWNS) != 0) {
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+        WriteProcFile("/proc/self/setgroups", "deny");
+        if (!WriteProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+            !WriteProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
+            return false;
+    }
+    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("zmlog-test-shm", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    TakeOwnDevShm();
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
