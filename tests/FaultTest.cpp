@@ -69,10 +69,12 @@ std::vector<long> SeqsIn(int fd, const std::string& role) {
     std::string bytes;
     char buf[65536];
     ssize_t n;
-    for (off_t at = 0; (n = pread(fd, buf, sizeof buf, at)) > 0; at += n) bytes.append(buf, size_t(n));
+    for (off_t at = 0; (n = pread(fd, buf, sizeof buf, at)) > 0; at += n)
+        bytes.append(buf, size_t(n));
     std::vector<long> seqs;
     for (const Record& r : WalkRecords(Unscramble(bytes))) {
-        if (r.program == role) seqs.push_back(std::strtol(r.content.c_str() + role.size() + 1, nullptr, 10));
+        if (r.program == role)
+            seqs.push_back(std::strtol(r.content.c_str() + role.size() + 1, nullptr, 10));
     }
     return seqs;
 }
@@ -124,8 +126,8 @@ TEST(Fault, RuntimeKilledAndStartedAgain) {
     EXPECT_NE(Inode("/dev/shm/sem.WriteLOG"), lock);  // replaced
     next("waiting");
     next("attached 1");
-    const char* phases[] = {"runtime alive", "runtime dead", "runtime dead, lock held by a dead process",
-                            "attached again"};
+    const char* phases[] = {"runtime alive", "runtime dead",
+                            "runtime dead, lock held by a dead process", "attached again"};
     for (auto& w : writers) {
         const auto r = w->Wait();
         EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
@@ -228,7 +230,8 @@ TEST(Fault, FullDisk) {
     // 256 KiB records: the disk is full after four, and about 80 make the
     // archiver's count reach the roll.
     auto writer = install.Start("CellEmulation", {"log=0,262144,10000", "log=0,64,1000"});
-    ASSERT_TRUE(WaitUntil([&] { return Exists(file + "_1"); }, 30s)) << "no roll with the disk full";
+    ASSERT_TRUE(WaitUntil([&] { return Exists(file + "_1"); }, 30s))
+        << "no roll with the disk full";
     EXPECT_TRUE(Running(runtime.Process().Pid()));
     writer->Send("");
     EXPECT_EQ(FileSize(file + "_1"), 1048576);  // filled the disk
@@ -251,7 +254,8 @@ TEST(Fault, FullDisk) {
         const std::string& c = records[i].content;
         ASSERT_EQ(c.rfind("CellEmulation-", 0), 0U) << i;
         ASSERT_TRUE(c.find_first_not_of('.', c.find('.')) == std::string::npos &&
-                    (c.size() == 64 || c.size() == 262144)) << i;
+                    (c.size() == 64 || c.size() == 262144))
+            << i;
     }
     EXPECT_EQ(records.back().function, "CloseReadThreadAndResource");
     Figure("full disk: " + Reports(r.out)[0] + "; then " + Reports(r.out)[1]);
@@ -270,7 +274,8 @@ TEST(Fault, RecordAtTheSizeLimit) {
     const std::string program = repeat("Prog", 65535);
     const std::string function = repeat("Function", 65535);
     const std::string tag = repeat("Tag", 65535);
-    const std::string content = repeat("content", PF::Utils::LOG::kMaxRecordLength - 32 - 3 * 65535);
+    const std::string content =
+        repeat("content", PF::Utils::LOG::kMaxRecordLength - 32 - 3 * 65535);
     Runtime runtime(install);
     const auto r = install.Run(program, {"limit"});
     ASSERT_EQ(r.exitCode, 0) << r.out << r.err;

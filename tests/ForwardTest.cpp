@@ -24,9 +24,9 @@
 namespace {
 
 using namespace std::chrono_literals;
-using zmtest::MakeRecord;
 using PF::Utils::LOG::zmlog::RecordPos;
 using PF::Utils::LOG::zmlog::SyslogEncoder;
+using zmtest::MakeRecord;
 
 constexpr long long kT0 = 1700000000123456LL;  // 2023-11-14T22:13:20.123456Z
 
@@ -41,10 +41,14 @@ TEST(SyslogEncoder, EachFieldMappedEscapedAndCut) {
          "<134>1 2023-11-14T22:13:20.123456Z plc7 ZMRuntime 4711 net" + sd + bom + "link up"},
         // Levels: TRACE debug, WARN warning, FATAL critical, Record notice;
         // no tag, no content.
-        {MakeRecord("Poll", "A", "", "", 0), "", "<135>1 2023-11-14T22:13:20.123456Z plc7 A 4711 -" + sd},
-        {MakeRecord("Poll", "A", "", "", 3), "", "<132>1 2023-11-14T22:13:20.123456Z plc7 A 4711 -" + sd},
-        {MakeRecord("Poll", "A", "", "", 5), "", "<130>1 2023-11-14T22:13:20.123456Z plc7 A 4711 -" + sd},
-        {MakeRecord("Poll", "A", "", "", 6), "", "<133>1 2023-11-14T22:13:20.123456Z plc7 A 4711 -" + sd},
+        {MakeRecord("Poll", "A", "", "", 0), "",
+         "<135>1 2023-11-14T22:13:20.123456Z plc7 A 4711 -" + sd},
+        {MakeRecord("Poll", "A", "", "", 3), "",
+         "<132>1 2023-11-14T22:13:20.123456Z plc7 A 4711 -" + sd},
+        {MakeRecord("Poll", "A", "", "", 5), "",
+         "<130>1 2023-11-14T22:13:20.123456Z plc7 A 4711 -" + sd},
+        {MakeRecord("Poll", "A", "", "", 6), "",
+         "<133>1 2023-11-14T22:13:20.123456Z plc7 A 4711 -" + sd},
         // Blanks in header fields, APP-NAME cut at 48 and MSGID at 32.
         {MakeRecord("Poll", "Press Line " + std::string(50, 'P'), std::string(40, 't'), "x"), "",
          "<134>1 2023-11-14T22:13:20.123456Z plc7 Press_Line_" + std::string(37, 'P') + " 4711 " +
@@ -55,9 +59,11 @@ TEST(SyslogEncoder, EachFieldMappedEscapedAndCut) {
          "\\\\\" component=\"0x0\" pos=\"1:2:3\"]"},
         // Binary as hex bytes, a typed value as rendered, text made valid
         // UTF-8 on one line; the component in hex.
-        {MakeRecord("Poll", "A", "", std::string("\xde\xad\x00", 3), 2, 0, true, 1, kT0, 0x1abc), "",
+        {MakeRecord("Poll", "A", "", std::string("\xde\xad\x00", 3), 2, 0, true, 1, kT0, 0x1abc),
+         "",
          "<134>1 2023-11-14T22:13:20.123456Z plc7 A 1 - [zmlog@32473 function=\"Poll\" "
-         "component=\"0x1abc\" pos=\"1:2:3\"]" + bom + "de-ad-00"},
+         "component=\"0x1abc\" pos=\"1:2:3\"]" +
+             bom + "de-ad-00"},
         {MakeRecord("Poll", "A", "", std::string(reinterpret_cast<const char*>(&value), 8), 2, 12),
          "2.5", "<134>1 2023-11-14T22:13:20.123456Z plc7 A 4711 -" + sd + bom + "2.5"},
         {MakeRecord("Poll", "A", "", "caf\xc3\xa9 \xff line\nnext"), "",
@@ -86,7 +92,9 @@ class TestLog {
     }
     std::string Current() const { return dir_ + "/RUNTIME.data"; }
     const std::string& Dir() const { return dir_; }
-    void Append(const std::string& plain) { zmtest::WriteFile(Current(), zmtest::Unscramble(plain), true); }
+    void Append(const std::string& plain) {
+        zmtest::WriteFile(Current(), zmtest::Unscramble(plain), true);
+    }
     // Records from .. to-1; with cutAt, the record of that number is split by a roll.
     void AppendRecords(int from, int to, int cutAt = -1) {
         for (int i = from; i < to; ++i) {
@@ -107,7 +115,8 @@ class TestLog {
         std::filesystem::remove(Current() + "_" + std::to_string(keep - 1));
         for (int n = keep - 2; n >= 0; --n) {
             const std::string from = n == 0 ? Current() : Current() + "_" + std::to_string(n);
-            if (zmtest::Exists(from)) std::filesystem::rename(from, Current() + "_" + std::to_string(n + 1));
+            if (zmtest::Exists(from))
+                std::filesystem::rename(from, Current() + "_" + std::to_string(n + 1));
         }
         Append("");
     }
@@ -176,7 +185,7 @@ TEST_F(ForwardTest, CursorResumesAfterTheLastRecordDelivered) {
     auto r = run();
     EXPECT_EQ(Lines(r.out), first);
     EXPECT_EQ(r.err, "");
-    EXPECT_EQ(run().out, "");  // all delivered
+    EXPECT_EQ(run().out, "");    // all delivered
     log.AppendRecords(3, 6, 4);  // one cut by a roll: only the new ones come
     const std::vector<std::string> all = Expected();
     EXPECT_EQ(Lines(run().out), std::vector<std::string>(all.begin() + 3, all.end()));
@@ -189,7 +198,8 @@ TEST_F(ForwardTest, CursorResumesAfterTheLastRecordDelivered) {
         {"zmlog-cursor 1\nfile 1:2\noffset x\n", damaged + "it does not hold a position" + oldest},
         {"zmlog-cursor 1\nfile 1:2\noffset 0\n",
          "zmlog: WARN: the log rolled past the cursor while nothing was forwarded: the records "
-         "after it, in a file no longer in " + log.Dir() + ", are lost; forwarding from the oldest file\n"},
+         "after it, in a file no longer in " +
+             log.Dir() + ", are lost; forwarding from the oldest file\n"},
     };
     for (const auto& [text, warning] : cursors) {
         zmtest::WriteFile(cursor, text);
@@ -203,7 +213,8 @@ TEST_F(ForwardTest, CursorResumesAfterTheLastRecordDelivered) {
     EXPECT_EQ(r.out.find('\n'), r.out.size() - 1) << r.out;
 }
 
-class ForwardTransportTest : public ForwardTest, public ::testing::WithParamInterface<const char*> {};
+class ForwardTransportTest : public ForwardTest,
+                             public ::testing::WithParamInterface<const char*> {};
 
 // Three files, records cut by both rolls, damaged bytes in the middle and an
 // unfinished record at the end: only the good records go out, once each.
@@ -215,8 +226,9 @@ TEST_P(ForwardTransportTest, EveryGoodRecordArrivesOnceInOrder) {
     std::vector<std::string> args = {"--forward=", Cursor()};
     if (input == "tls" || input == "relp-tls") {
         ASSERT_TRUE(zmtest::MakeTestCertificates(certs));
-        args.insert(args.end(), {"--tls-ca=" + certs + "/ca.pem", "--tls-cert=" + certs + "/client.pem",
-                                 "--tls-key=" + certs + "/client.key"});
+        args.insert(args.end(),
+                    {"--tls-ca=" + certs + "/ca.pem", "--tls-cert=" + certs + "/client.pem",
+                     "--tls-key=" + certs + "/client.key"});
     }
     zmtest::Rsyslog rsyslog(install.Root() + "/rsyslog", input, certs);
     ASSERT_TRUE(rsyslog.Start()) << rsyslog.Errors();
@@ -230,10 +242,13 @@ TEST_P(ForwardTransportTest, EveryGoodRecordArrivesOnceInOrder) {
 
     const auto r = Zmlog(args);
     EXPECT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_NE(r.err.find("zmlog: forwarded 10000 records to " + rsyslog.Url() + "\n"), std::string::npos)
+    EXPECT_NE(r.err.find("zmlog: forwarded 10000 records to " + rsyslog.Url() + "\n"),
+              std::string::npos)
         << r.err;
-    EXPECT_NE(r.err.find("zmlog: skipped 7 damaged bytes in " + log.Current() + "_1\n"
-                         "zmlog: skipped 40 damaged bytes in " + log.Current() + "\n"),
+    EXPECT_NE(r.err.find("zmlog: skipped 7 damaged bytes in " + log.Current() +
+                         "_1\n"
+                         "zmlog: skipped 40 damaged bytes in " +
+                         log.Current() + "\n"),
               std::string::npos)
         << r.err;
     // UDP and TCP confirm nothing: wait for rsyslogd to write it all.
@@ -286,7 +301,8 @@ TEST_F(ForwardTest, RelpLosesNothingWhenEitherSideIsKilled) {
     const bool all = zmtest::WaitUntil(
         [&] {
             const auto received = rsyslog.Received();
-            return std::set<std::string>(received.begin(), received.end()).size() >= expected.size();
+            return std::set<std::string>(received.begin(), received.end()).size() >=
+                   expected.size();
         },
         15s);
     forwarder->Signal(SIGTERM);
@@ -300,7 +316,8 @@ TEST_F(ForwardTest, RelpLosesNothingWhenEitherSideIsKilled) {
     // Sent again: what the RELP window left unconfirmed (513) and what the
     // killed forwarder sent in its last 100 ms, at most.
     EXPECT_LE(f.duplicated, 513U + 2000U);
-    EXPECT_NE(killed.find("zmlog: cannot forward to " + rsyslog.Url()), std::string::npos) << killed;
+    EXPECT_NE(killed.find("zmlog: cannot forward to " + rsyslog.Url()), std::string::npos)
+        << killed;
     EXPECT_NE(killed.find("zmlog: " + rsyslog.Url() + " takes messages again"), std::string::npos);
 }
 
@@ -315,7 +332,8 @@ TEST_F(ForwardTest, FilesDeletedWhileTheCollectorIsAwayArriveOrAreCounted) {
     log.AppendRecords(0, 100);
     std::vector<std::string> expected = Expected();
     zmtest::Child forwarder(zmtest::ZmlogPath(), "zmlog",
-                            {"--forward=" + rsyslog.Url(), "-f", "--hostname=plc7", log.Dir()}, {"TZ=UTC"});
+                            {"--forward=" + rsyslog.Url(), "-f", "--hostname=plc7", log.Dir()},
+                            {"TZ=UTC"});
     // Five rolls in a set of two files: files 0 to 3 are deleted.
     for (int file = 1; file <= 5; ++file) {
         std::this_thread::sleep_for(300ms);  // the forwarder looks every 100 ms
@@ -333,9 +351,10 @@ TEST_F(ForwardTest, FilesDeletedWhileTheCollectorIsAwayArriveOrAreCounted) {
     const auto r = forwarder.Wait();
     Count(expected, rsyslog.Received(), "tcp-away");
     EXPECT_EQ(rsyslog.Received(), expected);
-    EXPECT_NE(r.err.find("zmlog: WARN: the log rolled past 100 records before they were forwarded to " +
-                         rsyslog.Url() + ": they are lost\n"),
-              std::string::npos)
+    EXPECT_NE(
+        r.err.find("zmlog: WARN: the log rolled past 100 records before they were forwarded to " +
+                   rsyslog.Url() + ": they are lost\n"),
+        std::string::npos)
         << r.err;
 }
 

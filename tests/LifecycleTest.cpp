@@ -82,7 +82,8 @@ TEST(Lifecycle, EndToEndThroughTheRuntime) {
     late->Send("");
     std::map<std::string, std::string> outputs;
     for (auto& [role, child] : {std::pair{"CellEmulation", cell.get()},
-                                {"EngineEmulation", engine.get()}, {"BusBridge", late.get()}}) {
+                                {"EngineEmulation", engine.get()},
+                                {"BusBridge", late.get()}}) {
         const auto r = child->Wait();
         EXPECT_EQ(r.exitCode, 0) << r.out;
         outputs[role] = r.out;
@@ -97,7 +98,8 @@ TEST(Lifecycle, EndToEndThroughTheRuntime) {
     for (const auto& [role, out] : outputs) {
         std::vector<long> expected(kCount);
         std::iota(expected.begin(), expected.end(), 0);
-        for (long s : DroppedSeqs(out)) expected.erase(std::find(expected.begin(), expected.end(), s));
+        for (long s : DroppedSeqs(out))
+            expected.erase(std::find(expected.begin(), expected.end(), s));
         EXPECT_EQ(decoded.Seqs(role), expected) << role;
     }
     ASSERT_FALSE(decoded.records.empty());
@@ -113,8 +115,8 @@ TEST(Lifecycle, EndToEndThroughTheRuntime) {
 TEST(Lifecycle, LevelChangesReachEveryWriter) {
     Installation install;
     Runtime runtime(install);
-    auto watcher =
-        install.Start("CellEmulation", {"wait-level=3", "wait-level=4", "wait-level=3", "wait-level=5"});
+    auto watcher = install.Start("CellEmulation",
+                                 {"wait-level=3", "wait-level=4", "wait-level=3", "wait-level=5"});
     install.Run("BusBridge", {"level=3"});
     EXPECT_TRUE(watcher->WaitForOutput("level 3\n"));
     install.AppendConfig("logLevel=error");

@@ -52,8 +52,9 @@ std::string StreamStep(unsigned p, unsigned threads, unsigned long rate, unsigne
 class Stress : public ::testing::Test {
   protected:
     void Configure(unsigned long maxRoll) {
-        config_ = "[log]\nlogActive=true\nlogLevel=info\nmaxFileRollNumber=" +
-                  std::to_string(maxRoll) + "\n";
+        config_ =
+            "[log]\nlogActive=true\nlogLevel=info\nmaxFileRollNumber=" + std::to_string(maxRoll) +
+            "\n";
         install.WriteConfig(config_);
     }
     // The same settings written again, in place or by rename as editors do.
@@ -81,7 +82,8 @@ class Stress : public ::testing::Test {
         megabytes = log.bytes / 1e6;
         EXPECT_EQ(log.damagedBytes, 0U);
         StreamCheck check = CheckStreams(log, sizes);
-        EXPECT_TRUE(check.faults.empty()) << check.faults.size() << " faults, first: " << check.faults[0];
+        EXPECT_TRUE(check.faults.empty())
+            << check.faults.size() << " faults, first: " << check.faults[0];
         for (const auto& [key, stream] : check.streams) {
             EXPECT_EQ(stream.threadIds.size(), 1U) << "p" << key.first << " t" << key.second;
             EXPECT_EQ(stream.programs.size(), 1U) << "p" << key.first << " t" << key.second;
@@ -116,8 +118,9 @@ TEST_F(Stress, NothingLostUnderLoad) {
     const auto start = std::chrono::steady_clock::now();
     std::vector<std::unique_ptr<Child>> writers;
     for (unsigned p = 0; p < kProcesses; ++p) {
-        writers.push_back(install.Start(
-            kRoles[p], {StreamStep(p, kThreads, rate / (kProcesses * kThreads), minSize, maxSize, perThread)}));
+        writers.push_back(
+            install.Start(kRoles[p], {StreamStep(p, kThreads, rate / (kProcesses * kThreads),
+                                                 minSize, maxSize, perThread)}));
     }
     int edits = 0;
     for (auto& w : writers) {
@@ -149,10 +152,11 @@ TEST_F(Stress, NothingLostUnderLoad) {
     if (volume > 2 * 20971519UL) {
         EXPECT_GE(files, 2U) << "the output should have rolled";
     }
-    std::printf("[ figures  ] %lu records by %u processes x %u threads in %.1f s (%.0f records/s), "
-                "%zu files (%.1f MB), %lu lock time-outs, max WriteLog %lld us, %d edits\n",
-                total, kProcesses, kThreads, seconds, total / seconds, files, megabytes, timeouts,
-                maxUs, edits);
+    std::printf(
+        "[ figures  ] %lu records by %u processes x %u threads in %.1f s (%.0f records/s), "
+        "%zu files (%.1f MB), %lu lock time-outs, max WriteLog %lld us, %d edits\n",
+        total, kProcesses, kThreads, seconds, total / seconds, files, megabytes, timeouts, maxUs,
+        edits);
 }
 
 // A burst far above what the archiver drains in a tick: the ring empties
@@ -165,7 +169,8 @@ TEST_F(Stress, OverloadLosesOldRecordsButNeverCorruptsTheFile) {
     Runtime runtime(install);
     std::vector<std::unique_ptr<Child>> writers;
     for (unsigned p = 0; p < kProcesses; ++p)
-        writers.push_back(install.Start(kRoles[p], {StreamStep(p, kThreads, 0, 600, 1000, perThread, true)}));
+        writers.push_back(
+            install.Start(kRoles[p], {StreamStep(p, kThreads, 0, 600, 1000, perThread, true)}));
     for (auto& w : writers) ASSERT_TRUE(w->WaitForOutput("burst done", 10min)) << w->OutSoFar();
     for (auto& w : writers) w->Send("");
     ASSERT_NO_FATAL_FAILURE(Collect(writers, kThreads));
@@ -197,7 +202,8 @@ TEST_F(Stress, SurvivorsOutliveWritersKilledMidRecord) {
     Configure(40);
     Runtime runtime(install);
     std::vector<std::unique_ptr<Child>> writers;
-    for (unsigned p = 0; p < 2; ++p) writers.push_back(install.Start(kRoles[p], {StreamStep(p, 2, 1000, 200, 600, 0)}));
+    for (unsigned p = 0; p < 2; ++p)
+        writers.push_back(install.Start(kRoles[p], {StreamStep(p, 2, 1000, 200, 600, 0)}));
     struct Repair {
         long long killUs, resetUs;
     };
@@ -206,7 +212,8 @@ TEST_F(Stress, SurvivorsOutliveWritersKilledMidRecord) {
     const auto start = std::chrono::steady_clock::now();
     for (unsigned long i = 0; i < kills; ++i) {
         // 32 records of 16 to 64 KiB: half of each is copied under the lock.
-        auto victim = install.Start("Victim", {"probe", "victim=" + std::to_string(100 + i) + ",16384,65536,32", "pause"});
+        auto victim = install.Start(
+            "Victim", {"probe", "victim=" + std::to_string(100 + i) + ",16384,65536,32", "pause"});
         ASSERT_TRUE(victim->WaitForOutput("go\n")) << victim->OutSoFar();
         ASSERT_NE(victim->OutSoFar().find(" ring=1 "), std::string::npos) << victim->OutSoFar();
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 600));
@@ -247,9 +254,12 @@ TEST_F(Stress, SurvivorsOutliveWritersKilledMidRecord) {
                 const size_t at = static_cast<size_t>(next - stream.seqs.begin());
                 const long long after = at == 0 ? 0 : stream.timesUs[at - 1];
                 const long long before = at == stream.seqs.size() ? NowUs() : stream.timesUs[at];
-                EXPECT_TRUE(std::any_of(repairs.begin(), repairs.end(), [&](const Repair& e) {
-                    return after <= e.resetUs && before >= e.killUs - 300000;
-                })) << "p" << p << " t" << t << " s" << s << " lost";
+                EXPECT_TRUE(std::any_of(repairs.begin(), repairs.end(),
+                                        [&](const Repair& e) {
+                                            return after <= e.resetUs &&
+                                                   before >= e.killUs - 300000;
+                                        }))
+                    << "p" << p << " t" << t << " s" << s << " lost";
                 ++discarded;
             }
         }
@@ -257,8 +267,9 @@ TEST_F(Stress, SurvivorsOutliveWritersKilledMidRecord) {
     // A survivor's record is dropped after the 1 ms deadline; a hang or a
     // wait for the repair would take far longer than this.
     EXPECT_LT(maxUs, 200000);
-    std::printf("[ figures  ] %lu writers killed in %.1f s, %zu left the ring locked and were "
-                "repaired; survivors wrote %lu records, %lu thrown away by repairs, max WriteLog "
-                "%lld us\n",
-                kills, seconds, repairs.size(), written, discarded, maxUs);
+    std::printf(
+        "[ figures  ] %lu writers killed in %.1f s, %zu left the ring locked and were "
+        "repaired; survivors wrote %lu records, %lu thrown away by repairs, max WriteLog "
+        "%lld us\n",
+        kills, seconds, repairs.size(), written, discarded, maxUs);
 }

@@ -43,7 +43,8 @@ TEST(ZmlogFormat, EveryFormatAgainstItsFixedText) {
                    17, kT0 + 1500, 0x10000) +
         MakeRecord("rx", "emu_core", "frame", std::string("\xde\xad\x00\xef", 4), 1, 0, true, 9,
                    kT0 + 2000000) +
-        MakeRecord("say \"hi\"", "BusBridge", "t\\g", "a\nb\t\x01 \xc3\xa9", 6, 0, false, 7, 999999);
+        MakeRecord("say \"hi\"", "BusBridge", "t\\g", "a\nb\t\x01 \xc3\xa9", 6, 0, false, 7,
+                   999999);
     const std::string short1 = "2023-11-14 22:13:20.123 PressLine7[8565] INFO main: net link up\n";
     const std::string short2 = "2023-11-14 22:13:20.124 ZMRuntime[17] WARN Poll: u=\xc8\n";
     const std::string short3 =
@@ -232,7 +233,8 @@ TEST_F(ZmlogRun, ReadsRolledSetOldestFirstAcrossRollBoundaries) {
 
 TEST_F(ZmlogRun, FiltersAndColour) {
     // "MyTool" is no program the library's decoder knows: shown all the same.
-    Write(LogFile(), Rec(0, 2, "ZMRuntime", "Up", "net") + Rec(1, 3, "CellEmulation", "Poll", "io") +
+    Write(LogFile(), Rec(0, 2, "ZMRuntime", "Up", "net") +
+                         Rec(1, 3, "CellEmulation", "Poll", "io") +
                          Rec(2, 4, "MyTool", "Save", "net") + Rec(3, 5, "ZMRuntime", "Down", "io"));
     const std::string up = Line(0, "INFO", "ZMRuntime", "Up", "net");
     const std::string poll = Line(1, "WARN", "CellEmulation", "Poll", "io");
@@ -285,9 +287,12 @@ TEST_F(ZmlogRun, StatsCountProgramsLevelsSpanAndDamage) {
 TEST_F(ZmlogRun, SaysWhatItCouldNotReadAndNothingElse) {
     // Unknown level and value type and extreme times are damage; a typed
     // value with fewer bytes than its type at the very end reads as zeros.
-    Write(LogFile("_1"), Rec(0) + "junk" + MakeRecord("l7", "emu_core", "", "x", 7, 0, false, 1, INT64_MIN) +
+    Write(LogFile("_1"), Rec(0) + "junk" +
+                             MakeRecord("l7", "emu_core", "", "x", 7, 0, false, 1, INT64_MIN) +
                              MakeRecord("vt", "emu_core", "", "x", 2, 99, false, 1, INT64_MAX));
-    Write(LogFile(), "bad" + Rec(1) + MakeRecord("Short", "ZMRuntime", "", "", 2, 13, false, 4711, kT0 + 3000000));
+    Write(LogFile(),
+          "bad" + Rec(1) +
+              MakeRecord("Short", "ZMRuntime", "", "", 2, 13, false, 4711, kT0 + 3000000));
     std::string noise(100000, '\0');
     std::mt19937 random(3);
     for (char& c : noise) c = static_cast<char>(random());
@@ -296,9 +301,10 @@ TEST_F(ZmlogRun, SaysWhatItCouldNotReadAndNothingElse) {
     const std::string textLog = "2023-11-14 22:13:20.123|4711|INFO|main|netlink up\n";
     const std::string textFile = install.Root() + "/PressLine7.log";
     Write(textFile, textLog, false);
-    const std::string lines = Line(0) + Line(1) + "2023-11-14 22:13:23.123 ZMRuntime[4711] INFO Short: 0\n";
-    const std::string damage = "zmlog: skipped 93 damaged bytes (90 in " + LogFile("_1") +
-                               ", 3 in " + LogFile() + ")\n";
+    const std::string lines =
+        Line(0) + Line(1) + "2023-11-14 22:13:23.123 ZMRuntime[4711] INFO Short: 0\n";
+    const std::string damage =
+        "zmlog: skipped 93 damaged bytes (90 in " + LogFile("_1") + ", 3 in " + LogFile() + ")\n";
     // The library's notes on the environment never appear: zmlog only reads.
     const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
         {{}, 0, lines, damage},
@@ -320,9 +326,13 @@ TEST_F(ZmlogRun, SaysWhatItCouldNotReadAndNothingElse) {
         EXPECT_EQ(r.err, err) << ::testing::PrintToString(args);
     }
     // Times printed and read in UTC whatever the zone; JSON says the zone's offset.
-    EXPECT_EQ(Run({"-q", "--utc", "--since", "2023-11-14 22:13:21", "--until", "2023-11-14 22:13:22"}, "IST-5:30").out,
-              Line(1));
-    EXPECT_NE(Run({"-q", "--json", "-n", "1"}, "IST-5:30").out.find("\"2023-11-15T03:43:23.123456+05:30\""),
+    EXPECT_EQ(
+        Run({"-q", "--utc", "--since", "2023-11-14 22:13:21", "--until", "2023-11-14 22:13:22"},
+            "IST-5:30")
+            .out,
+        Line(1));
+    EXPECT_NE(Run({"-q", "--json", "-n", "1"}, "IST-5:30")
+                  .out.find("\"2023-11-15T03:43:23.123456+05:30\""),
               std::string::npos);
 }
 
@@ -335,7 +345,8 @@ TEST_F(ZmlogRun, ErrorsGiveOneLineAndStatus) {
         {{}, 1, "no RUNTIME.data in " + install.LogDir()},
         {{"--bogus=1"}, 2, "unknown option '--bogus' (see zmlog --help)"},
         {{"--level"}, 2, "option '--level' needs a value"},
-        {{"--level", "loud"}, 2,
+        {{"--level", "loud"},
+         2,
          "unknown level 'loud' (trace, debug, info, warn, error, fatal, record)"},
         {{"--since", "someday"}, 2, "bad time 'someday' for --since" + time},
         {{"--until", "2023-02-30"}, 2, "bad time '2023-02-30' for --until" + time},
@@ -343,7 +354,8 @@ TEST_F(ZmlogRun, ErrorsGiveOneLineAndStatus) {
         {{"--stats", "-f"}, 2, "--stats cannot be combined with --follow"},
         {{"-o", "syslog", "-n", "3"}, 2, "--output=syslog cannot be combined with -n"},
         {{"--cursor-file=c"}, 2, "--cursor-file needs --forward or --output=syslog"},
-        {{"--facility=lcoal0"}, 2,
+        {{"--facility=lcoal0"},
+         2,
          "unknown facility 'lcoal0' (kern, user, daemon, ..., local0 ... local7, or 0 to 23)"},
     };
     for (const auto& [args, status, message] : cases) {

@@ -30,7 +30,8 @@
 //                         thread: "thread <t> written <n> timeouts <k>
 //                         max_us <m> over2ms <c> dropped <seqs>"
 //   victim=<p>,<min>,<max>,<count>  "go", then count stream records at once
-#include <poll.h>
+// Steps of a feature of their own live in a file of their own beside this
+// one and register with ZMHELPER_STEP (Steps.h).
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -45,33 +46,20 @@
 #include <thread>
 #include <vector>
 
+#include "helpers/Steps.h"
 #include "log/ZMRuntimeLog.h"
 #include "support/StressStream.h"
 #include "support/ThreadNames.h"
 #include "transport/SemManager.h"
 
 using namespace PF::Utils::LOG;
+using namespace zmhelper;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
-void Say(const std::string& text) {
-    std::printf("%s\n", text.c_str());
-    std::fflush(stdout);
-}
-
 long long UsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
-}
-
-// A line on stdin (or its end) has arrived; with wait, blocks for it.
-bool LineArrived(bool wait) {
-    pollfd p{0, POLLIN, 0};
-    if (poll(&p, 1, wait ? -1 : 0) <= 0) return false;
-    char c = 0;
-    while (read(0, &c, 1) == 1 && c != '\n') {
-    }
-    return true;
 }
 
 bool WaitFor(const std::function<bool()>& pred, int ms) {
@@ -81,16 +69,6 @@ bool WaitFor(const std::function<bool()>& pred, int ms) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
-}
-
-std::vector<unsigned long> Numbers(const std::string& args) {
-    std::vector<unsigned long> n;
-    for (const char* p = args.c_str(); *p != '\0';) {
-        char* end = nullptr;
-        n.push_back(std::strtoul(p, &end, 10));
-        p = *end == ',' ? end + 1 : end + std::strlen(end);
-    }
-    return n;
 }
 
 unsigned long gSeq = 0;  // runs on across log steps
@@ -163,8 +141,8 @@ void StreamThread(const StreamPlan& plan, unsigned t, StreamReport& report,
     unsigned long s = 0;
     for (; plan.count == 0 ? !gStop.load() : s < plan.count; ++s) {
         if (plan.rate > 0) {
-            std::this_thread::sleep_until(start + std::chrono::nanoseconds(
-                                                      static_cast<long long>(s * 1e9 / plan.rate)));
+            std::this_thread::sleep_until(
+                start + std::chrono::nanoseconds(static_cast<long long>(s * 1e9 / plan.rate)));
         }
         StreamRecord(plan, t, s, report);
     }
@@ -187,7 +165,8 @@ void Stream(const StreamPlan& plan) {
         LineArrived(true);
         gStop = true;
     } else if (plan.burst) {
-        while (done.load() < plan.threads) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        while (done.load() < plan.threads)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         Say("burst done");
         LineArrived(true);
         gStop = true;
@@ -195,9 +174,9 @@ void Stream(const StreamPlan& plan) {
     for (auto& th : threads) th.join();
     for (unsigned t = 0; t < plan.threads; ++t) {
         const StreamReport& r = reports[t];
-        Say("thread " + std::to_string(t) + " written " + std::to_string(r.written) +
-            " timeouts " + std::to_string(r.timeouts) + " max_us " + std::to_string(r.maxUs) +
-            " over2ms " + std::to_string(r.over2ms) + " dropped" + r.dropped);
+        Say("thread " + std::to_string(t) + " written " + std::to_string(r.written) + " timeouts " +
+            std::to_string(r.timeouts) + " max_us " + std::to_string(r.maxUs) + " over2ms " +
+            std::to_string(r.over2ms) + " dropped" + r.dropped);
     }
 }
 
@@ -227,7 +206,7 @@ void Limit() {
     Say("content " + std::to_string(content.size()) + " max_us " + std::to_string(maxUs));
 }
 
-bool Step(const std::string& role, const std::string& step) {
+bool RunStep(const std::string& role, const std::string& step) {
     const size_t eq = step.find('=');
     const std::string name = step.substr(0, eq);
     const std::string args = eq == std::string::npos ? "" : step.substr(eq + 1);
@@ -252,7 +231,9 @@ bool Step(const std::string& role, const std::string& step) {
         Say("level set");
     } else if (name == "wait-level") {
         const bool seen = WaitFor(
-            [&] { return RingHead::GetInstance() && RingHead::GetInstance()->LoadLevel() == arg(0); },
+            [&] {
+                return RingHead::GetInstance() && RingHead::GetInstance()->LoadLevel() == arg(0);
+            },
             10000);
         Say(seen ? "level " + args : "level not seen");
     } else if (name == "bind") {
@@ -295,11 +276,14 @@ bool Step(const std::string& role, const std::string& step) {
                 static_cast<double>(arg(2)), static_cast<unsigned>(arg(3)),
                 static_cast<unsigned>(arg(4)), arg(5), args.find("burst") != std::string::npos});
     } else if (name == "victim") {
-        const StreamPlan plan{static_cast<unsigned>(arg(0)), 1, 0, static_cast<unsigned>(arg(1)),
-                              static_cast<unsigned>(arg(2)), arg(3), false};
+        const StreamPlan plan{
+            static_cast<unsigned>(arg(0)), 1,      0,    static_cast<unsigned>(arg(1)),
+            static_cast<unsigned>(arg(2)), arg(3), false};
         StreamReport report;
         Say("go");
         for (unsigned long s = 0; s < plan.count; ++s) StreamRecord(plan, 0, s, report);
+    } else if (const zmhelper::Step* registered = FindStep(name)) {
+        (*registered)(role, args);
     } else {
         Say("unknown step " + step);
         return false;
@@ -311,7 +295,7 @@ bool Step(const std::string& role, const std::string& step) {
 
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
-        if (!Step(argv[0], argv[i])) return 2;
+        if (!RunStep(argv[0], argv[i])) return 2;
     }
     return 0;
 }

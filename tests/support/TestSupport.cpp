@@ -117,7 +117,8 @@ bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds tim
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     auto seen = [&] {
         int n = 0;
-        for (size_t at = out_.find(text); at != std::string::npos; at = out_.find(text, at + 1)) ++n;
+        for (size_t at = out_.find(text); at != std::string::npos; at = out_.find(text, at + 1))
+            ++n;
         return n >= times;
     };
     while (!seen()) {
