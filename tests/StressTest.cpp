@@ -183,7 +183,10 @@ TEST_F(Stress, OverloadLosesOldRecordsButNeverCorruptsTheFile) {
             const auto it = check.streams.find({p, t});
             ASSERT_NE(it, check.streams.end()) << "nothing of p" << p << " t" << t << " arrived";
             arrived += it->second.seqs.size();
-            EXPECT_EQ(it->second.seqs.back(), perThread) << "p" << p << " t" << t;
+            // The record after the storm arrives, unless the lock's deadline dropped it.
+            if (reports[p][t].dropped.count(perThread) == 0) {
+                EXPECT_EQ(it->second.seqs.back(), perThread) << "p" << p << " t" << t;
+            }
         }
     }
     std::printf("[ figures  ] overload: %lu records offered, %lu arrived (%.1f MB in %zu files)\n",
