@@ -7,6 +7,11 @@
 
 namespace PF::Utils::LOG {
 
+namespace {
+cpu_set_t gProcessCpus;
+bool gProcessCpusKnown = false;
+}  // namespace
+
 void ThreadManager::SetThreadAffinity(std::thread& thread, int cpu) {
     cpu_set_t set;
     CPU_ZERO(&set);
@@ -17,6 +22,26 @@ void ThreadManager::SetThreadAffinity(std::thread& thread, int cpu) {
         std::fputs("pthread_setaffinity_np error\n", stderr);
         std::fflush(stderr);
     }
+}
+
+void ThreadManager::RememberProcessAffinity() {
+    gProcessCpusKnown = sched_getaffinity(0, sizeof gProcessCpus, &gProcessCpus) == 0;
+}
+
+void ThreadManager::StartedByTheLibrary(int cpu) {
+    const sched_param normal{};
+    pthread_setschedparam(pthread_self(), SCHED_OTHER, &normal);
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (cpu >= 0 && cpu < CPU_SETSIZE) {
+        CPU_SET(cpu, &set);
+    } else if (gProcessCpusKnown) {
+        set = gProcessCpus;
+    } else {
+        for (int i = 0; i < CPU_SETSIZE; ++i) CPU_SET(i, &set);
+    }
+    // Errors are the pinning caller's to report (SetThreadAffinity).
+    sched_setaffinity(0, sizeof set, &set);
 }
 
 }  // namespace PF::Utils::LOG

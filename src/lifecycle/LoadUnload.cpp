@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "archive/ThreadManager.h"
 #include "lifecycle/ProcessRoles.h"
 #include "log/ConfManager.h"
 #include "log/Control.h"
@@ -14,6 +15,7 @@ namespace PF::Utils::LOG {
 
 __attribute__((constructor)) void Init() {
     try {
+        ThreadManager::RememberProcessAffinity();
         const std::string name = program_invocation_short_name;
         // The runtime becomes the reader only through StartRuntimeLog.
         if (name == "ZMRuntime") return;
