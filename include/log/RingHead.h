@@ -22,6 +22,9 @@ class RingHead {
     bool Empty();  // always false; drops every unread byte
 
     unsigned Enqueue(void* data, unsigned len);
+    // Enqueue with another deadline for the lock: only for the record that
+    // met a runtime's restart, which waits for the new ring (RuntimeFollower).
+    unsigned EnqueueWithin(void* data, unsigned len, long lockTimeoutNs);
     unsigned Dequeue(void* buf, unsigned len);
     void EnqueueImp(void* data, unsigned len);
     unsigned DequeueImp(void* buf, unsigned len);
@@ -40,9 +43,22 @@ class RingHead {
     static RingHead* instance;  // this process's ring; null: every write is a no-op
     static char* sRing;         // the data area, instance + 48
 
+    // The ring at base as this process mapped it: its size is the process's
+    // own knowledge, never taken from the header, which any process of the
+    // installation may write. Copies in and out stay within it; a header
+    // whose geometry disagrees counts as damaged and moves no byte.
+    static void Adopt(const void* base, unsigned long size);
+    // The data area's size as this process knows the ring at this; 0 when
+    // it does not know it (or it is no power of two).
+    unsigned LocalCapacity() const;
+    // The header's geometry and indices are within what this process mapped.
+    bool Sane();
+
     // Marks the ring at base as about to be unmapped or freed and waits for a
     // writer that holds the lock; later Enqueue calls on it do nothing.
     static void Retire(const void* base);
+    // A ring mapped at base again takes records again.
+    static void Unretire(const void* base);
 
     // Offset 0 holds the vtable pointer of the initialising process; no other
     // process reads it.
@@ -59,6 +75,8 @@ class RingHead {
   private:
     RingHead();
     static const void* sRetired;
+    static const void* sLocalBase;
+    static unsigned sLocalCapacity;
     // Enqueue, in named steps.
     bool Reserve(unsigned len, unsigned& head);
     void CopyIn(unsigned head, const void* data, unsigned len);

@@ -52,6 +52,36 @@ inline std::int64_t NowUs() noexcept {
            1000;
 }
 
+// A writer looks, at most every 100 ms of record time, whether the runtime it
+// attached to was replaced by a new one, and then follows it; the time of the
+// next look, in microseconds since the epoch (never, in other processes).
+extern std::int64_t gNextAttachmentCheckUs;
+void CheckAttachment(std::int64_t nowUs);
+// A record of time timeUs did not get in: true when the runtime was replaced
+// meanwhile and the writer now writes to the new one, where the record then
+// waits for the new ring to be ready (at most kRestartWaitNs, once per
+// restart) rather than being lost.
+bool FollowedNewRuntime(std::int64_t timeUs);
+constexpr long kRestartWaitNs = 20000000;
+
+// Records of the calling thread that did not get into the ring (the lock
+// not had within its deadline), counted on that path only.
+extern thread_local unsigned long tUnwrittenRecords;
+
+// Hands a finished record to the ring. The hot path pays one compare of the
+// record's time stamp; the rest runs when a look is due or a write failed.
+inline void Submit(char* record, unsigned total, std::int64_t timeUs) {
+    if (__builtin_expect(timeUs >= __atomic_load_n(&gNextAttachmentCheckUs, __ATOMIC_RELAXED), 0))
+        CheckAttachment(timeUs);
+    RingHead* ring = RingHead::instance;
+    if (ring == nullptr) return;
+    if (__builtin_expect(ring->Enqueue(record, total) == 0, 0)) {
+        RingHead* again = FollowedNewRuntime(timeUs) ? RingHead::instance : nullptr;
+        if (again == nullptr || again->EnqueueWithin(record, total, kRestartWaitNs) == 0)
+            ++tUnwrittenRecords;
+    }
+}
+
 // A null pointer is logged as empty text instead of crashing the caller.
 inline const char* OrEmpty(const char* s) noexcept {
     return s != nullptr ? s : "";
@@ -195,8 +225,7 @@ void WriteLog(const char* tag, const T& content, unsigned char level, const char
     std::memcpy(out, tag, tagLen);
     out += tagLen;
     std::memcpy(out, detail::ContentBytes(content), length);
-
-    if (RingHead* ring = RingHead::instance) ring->Enqueue(record, total);
+    detail::Submit(record, total, timeUs);
 }
 
 }  // namespace PF::Utils::LOG

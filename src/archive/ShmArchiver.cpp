@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <utility>
 
 #include "archive/Encrypt.h"
 #include "archive/LogFileHelpers.h"
@@ -139,6 +140,20 @@ void ShmArchiver::StopThread() {
     readBuffer_ = nullptr;
 }
 
+void ShmArchiver::RestartInForkedChild() {
+    if (!running_.load()) return;
+    // The parent's thread handle means nothing here: dropped, not joined.
+    new (&thread_) std::thread();
+    running_.store(false);
+    // The parent's FILE may be locked by its archiver, mid-write: only the
+    // descriptor, the child's own copy, is closed.
+    if (file_ != nullptr) close(fileno(file_));
+    file_ = nullptr;
+    delete[] readBuffer_;
+    readBuffer_ = nullptr;
+    StartThread();
+}
+
 void ShmArchiver::SetBindCpuNum(int cpu) {
     // Whatever the value: -1 on a running thread reports the affinity error.
     if (running_.load()) ThreadManager::SetThreadAffinity(thread_, cpu);
@@ -210,7 +225,28 @@ bool ShmArchiver::HandleVanishedFile(unsigned long& currentSize, int& tick) {
     return false;
 }
 
+bool ShmArchiver::Archive(unsigned n, int& rollIndex, unsigned long& currentSize, int& tick) {
+    if (currentSize + n > kFileSizeLimit) {
+        Roll(n, rollIndex, currentSize, tick);
+        return false;
+    }
+    unsigned long ignored = 0;
+    if (!StatSize(OutputPath(), ignored) && HandleVanishedFile(currentSize, tick)) return true;
+    if (file_ == nullptr) return false;  // the block is dropped
+    WriteBlock(n);
+    // Counted even when the write failed.
+    currentSize += n;
+    return false;
+}
+
+void ShmArchiver::SetSalvage(Salvage salvage) {
+    salvage_.clear();
+    salvage_.push_back(std::move(salvage.bytes));
+    salvage_.push_back(salvage.Notice());
+}
+
 int ShmArchiver::WriteBinaryFile() {
+    ThreadManager::StartedByTheLibrary(bindCpu_);
     if (readBuffer_ == nullptr) {
         Report("Buffer Null");
         return 0;
@@ -226,6 +262,11 @@ int ShmArchiver::WriteBinaryFile() {
     int rollIndex = ProbeRollIndex();
 
     int tick = 0;
+    for (std::vector<char>& block : std::exchange(salvage_, {})) {
+        if (block.empty() || block.size() > READ_BUFFER_LENGTH) continue;
+        std::memcpy(readBuffer_, block.data(), block.size());
+        if (Archive(static_cast<unsigned>(block.size()), rollIndex, currentSize, tick)) return 0;
+    }
     while (running_.load()) {
         SleepOneTick();
         tick = (tick + 1) % kSyncPeriodTicks;
@@ -241,16 +282,7 @@ int ShmArchiver::WriteBinaryFile() {
             Report("Dequeue size greater READ_BUFFER_LENGTH");
             continue;
         }
-        if (currentSize + n > kFileSizeLimit) {
-            Roll(n, rollIndex, currentSize, tick);
-            continue;
-        }
-        unsigned long ignored = 0;
-        if (!StatSize(OutputPath(), ignored) && HandleVanishedFile(currentSize, tick)) return 0;
-        if (file_ == nullptr) continue;  // the block is dropped
-        WriteBlock(n);
-        // Counted even when the write failed.
-        currentSize += n;
+        if (Archive(n, rollIndex, currentSize, tick)) return 0;
     }
     CloseFile(file_);
     return 0;

@@ -9,6 +9,9 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
+
+#include "transport/RingSalvage.h"
 
 namespace PF::Utils::LOG {
 
@@ -40,6 +43,12 @@ class ShmArchiver {
 
     // Records the CPU; re-pins the live thread at once when running.
     void SetBindCpuNum(int cpu);
+    // In the child of a fork: the thread this object ran is not there; a
+    // new one is started when it was running.
+    void RestartInForkedChild();
+    // What the previous runtime left in the ring: the first thing the next
+    // thread writes, followed by the notice that says so.
+    void SetSalvage(Salvage salvage);
     // The process-wide archiver, created on first use (no lock: the first
     // call comes from start-up code on one thread).
     static std::shared_ptr<ShmArchiver>& GetInstancePtr();
@@ -49,7 +58,10 @@ class ShmArchiver {
     static std::shared_ptr<ShmArchiver>& sShmArch;
 
   private:
-    // Thread body steps.
+    // Thread body steps. Archive: one block of n bytes in the read buffer
+    // into the file, rolled first when it would pass the limit; true when
+    // the thread must end.
+    bool Archive(unsigned n, int& rollIndex, unsigned long& currentSize, int& tick);
     void WriteBlock(unsigned n);
     void Roll(unsigned n, int& rollIndex, unsigned long& currentSize, int& tick);
     bool HandleVanishedFile(unsigned long& currentSize, int& tick);  // true: the thread ends
@@ -66,6 +78,7 @@ class ShmArchiver {
     std::string programName_;
     std::thread thread_;
     int bindCpu_ = -1;
+    std::vector<std::vector<char>> salvage_;
 };
 
 }  // namespace PF::Utils::LOG

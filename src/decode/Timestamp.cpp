@@ -1,8 +1,14 @@
 #include <ctime>
 
+#include "decode/CalendarLock.h"
 #include "log/Decode.h"
 
 namespace PF::Utils::LOG {
+
+std::mutex& CalendarLock() {
+    static std::mutex lock;
+    return lock;
+}
 
 // Starts at second 0 with a zero calendar: a time below one second after the
 // epoch on a fresh process prints the zero date, as it always has.
@@ -19,6 +25,7 @@ void Timestamp::ResetTime(unsigned long timeUs) {
     // localtime() rather than localtime_r(): it re-reads TZ on every call,
     // and it runs only once per second of log time.
     const std::time_t when = second;
+    std::lock_guard<std::mutex> calendar(CalendarLock());
     const std::tm* tm = std::localtime(&when);
     if (tm == nullptr) return;  // out of range: keep the last calendar, retry next time
     t.year = tm->tm_year + 1900;

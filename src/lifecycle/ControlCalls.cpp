@@ -3,6 +3,8 @@
 #include "lifecycle/ProcessRoles.h"
 #include "log/ConfManager.h"
 #include "log/Control.h"
+#include "log/RingHead.h"
+#include "transport/SemManager.h"
 
 namespace PF::Utils::LOG {
 
@@ -10,7 +12,11 @@ bool IsUPEnvironment() {
     return ConfManager::outputMode;
 }
 
+// Harmless when already attached to the runtime that runs now.
 bool InitWriteLogEnv() {
+    if (RingHead::instance != nullptr && !IsUPEnvironment() && SemManager::Current() != nullptr &&
+        SemManager::OpenedLockIsCurrent())
+        return true;
     return InitWriteProcess();
 }
 

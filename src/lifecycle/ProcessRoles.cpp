@@ -1,9 +1,13 @@
 #include "lifecycle/ProcessRoles.h"
 
+#include "lifecycle/RuntimeFollower.h"
+
 #include <dlfcn.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -13,6 +17,8 @@
 #include "log/RingHead.h"
 #include "log/WriteLog.h"
 #include "transport/MEMManager.h"
+#include "transport/RingRegion.h"
+#include "transport/RingSalvage.h"
 #include "transport/SHMManager.h"
 #include "transport/SemManager.h"
 
@@ -49,16 +55,62 @@ void SleepMs100() {
 
 }  // namespace
 
+namespace {
+
+// A writer already attached moves to the ring of a runtime started since:
+// only once the new runtime's names can be opened is the old ring given up
+// (until then records go on into it, where the new runtime may find them),
+// and no thread of this process is inside it then. The new ring is mapped
+// where the old one was, so a thread holding the old header pointer finds
+// the new header there.
+bool Reattach() {
+    sem_t* lock = nullptr;
+    sem_t* readLock = nullptr;
+    const std::uint32_t oldSize = SHMManager::shmInfo.size;
+    if (!SemManager::Open(lock, readLock)) return false;
+    if (!SHMManager::OpenSHM(false) || !SHMManager::GetSize()) {
+        SemManager::Close(lock, readLock);
+        if (SHMManager::shmInfo.descriptor != -1) close(SHMManager::shmInfo.descriptor);
+        SHMManager::shmInfo.descriptor = -1;
+        return false;
+    }
+    RingHead* const old = RingHead::instance;
+    __atomic_store_n(&RingHead::instance, nullptr, __ATOMIC_RELEASE);
+    RingHead::Retire(old);
+    RingRegion::Park(old, oldSize);
+    if (!SHMManager::OpenMMAP()) {
+        SemManager::Close(lock, readLock);
+        return false;
+    }
+    SemManager::Publish(lock, readLock);
+    void* const base = SHMManager::shmInfo.address;
+    RingHead::Adopt(base, SHMManager::shmInfo.size);
+    RingHead::sRing = static_cast<char*>(base) + 48;
+    RingHead::Unretire(base);
+    __atomic_store_n(&RingHead::instance, static_cast<RingHead*>(base), __ATOMIC_RELEASE);
+    return true;
+}
+
+}  // namespace
+
 bool InitWriteProcess() {
+    if (RingHead::instance != nullptr && !sOwnsSegment && !IsUPEnvironment()) return Reattach();
     if (!SHMManager::InitSHM()) return false;
+    // A writer of the runtime (not the runtime itself, nor a private log)
+    // follows the runtime's restarts from now on.
+    if (!sOwnsSegment && !IsUPEnvironment()) FollowTheRuntime(true);
     // The header is used as the reader initialised it; a writer never
     // initialises, truncates, zeroes or unlinks anything.
-    RingHead::instance = static_cast<RingHead*>(SHMManager::shmInfo.address);
-    RingHead::sRing = static_cast<char*>(SHMManager::shmInfo.address) + 48;
+    void* const base = SHMManager::shmInfo.address;
+    RingHead::Adopt(base, SHMManager::shmInfo.size);
+    RingHead::Unretire(base);
+    RingHead::instance = static_cast<RingHead*>(base);
+    RingHead::sRing = static_cast<char*>(base) + 48;
     return SemManager::Init();
 }
 
 bool CloseWriteProcess() {
+    FollowTheRuntime(false);
     // Atomic: a private log's archiver may still be reading it.
     __atomic_store_n(&RingHead::instance, nullptr, __ATOMIC_RELEASE);
     if (SHMManager::shmInfo.address != nullptr) RingHead::Retire(SHMManager::shmInfo.address);
@@ -71,7 +123,13 @@ bool InitReadThread() {
         MEMManager::CreateMEM(kSegmentSize);
         base = MEMManager::memInfo.address;
     } else {
-        SemManager::Create();  // a stale semaphore of a crashed reader is replaced
+        // Writers still on a runtime that died stop writing into the object
+        // (their next write times out on its lock and they follow this
+        // runtime, whose new lock stays taken until the ring is ready); what
+        // they left unread is taken out before the object is zeroed.
+        SemManager::HoldPreviousLock();
+        SemManager::Create(0);  // a stale semaphore of a crashed reader is replaced
+        ShmArchiver::GetInstancePtr()->SetSalvage(SalvageRing());
         if (!SHMManager::CreateSHM(kSegmentSize)) return false;
         sOwnsSegment = true;
         base = SHMManager::shmInfo.address;
@@ -84,6 +142,7 @@ bool InitReadThread() {
         __atomic_store_n(&ring->level, ConfManager::logLevel, __ATOMIC_RELAXED);
         __atomic_thread_fence(__ATOMIC_SEQ_CST);
     }
+    if (!IsUPEnvironment() && SemManager::sem != nullptr) SemManager::Unlock(SemManager::sem);
     return true;
 }
 

@@ -15,6 +15,8 @@ namespace PF::Utils::LOG {
 RingHead* RingHead::instance = nullptr;
 char* RingHead::sRing = nullptr;
 const void* RingHead::sRetired = nullptr;
+const void* RingHead::sLocalBase = nullptr;
+unsigned RingHead::sLocalCapacity = 0;
 
 namespace {
 
@@ -53,10 +55,36 @@ RingHead::~RingHead() {
     if (instance == this) instance = nullptr;
 }
 
+void RingHead::Adopt(const void* base, unsigned long size) {
+    const unsigned long capacity = size - kHeaderSize;
+    const bool usable =
+        size > kHeaderSize && capacity <= 0x80000000UL && (capacity & (capacity - 1)) == 0;
+    sLocalBase = base;
+    sLocalCapacity = usable ? static_cast<unsigned>(capacity) : 0;
+}
+
+unsigned RingHead::LocalCapacity() const {
+    return this == sLocalBase ? sLocalCapacity : 0;
+}
+
+// The header's fields are another process's word: any of them may be wrong.
+// Used bytes, a pending reservation and a pending release each fit in the
+// ring, or the indices are not what any writer or reader left.
+bool RingHead::Sane() {
+    const unsigned cap = LocalCapacity();
+    if (cap == 0 || Load(capacity) != cap || Load(mask) != cap - 1) return false;
+    const unsigned consT = Load(consTail);
+    const unsigned consH = Load(consHead);
+    const unsigned prodT = Load(prodTail);
+    return consH - consT <= cap && prodT - consH <= cap && Load(prodHead) - prodT <= cap &&
+           Load(prodHead) - consT <= cap;
+}
+
 bool RingHead::Init(void* base, int size, RingHead*& out) {
     // Compared as unsigned on the sign-extended value: a negative size passes.
     if (static_cast<unsigned long>(static_cast<long>(size)) < kHeaderSize) return false;
     if (sRetired == base) sRetired = nullptr;
+    Adopt(base, static_cast<unsigned long>(static_cast<long>(size)));
     std::memset(static_cast<char*>(base) + 8, 0, kHeaderSize - 8);
     auto* head = ::new (base) RingHead();  // cppcheck-suppress legacyUninitvar
     head->capacity = static_cast<unsigned>(size) - kHeaderSize;
@@ -88,7 +116,7 @@ bool RingHead::Empty() {
 // Producer side: reserve, copy, publish.
 
 bool RingHead::Reserve(unsigned len, unsigned& head) {
-    const unsigned m = Load(mask);
+    const unsigned m = LocalCapacity() - 1;
     for (int attempt = 0; attempt < 2; ++attempt) {
         head = Load(prodHead);
         unsigned freeBytes = Load(consTail) + m - head;
@@ -105,9 +133,11 @@ bool RingHead::Reserve(unsigned len, unsigned& head) {
     return false;
 }
 
+// Positions and lengths within this process's own mapping, whatever the
+// header says (EnqueueImp checked that len fits).
 void RingHead::CopyIn(unsigned head, const void* data, unsigned len) {
-    const unsigned cap = Load(capacity);
-    const unsigned pos = head & Load(mask);
+    const unsigned cap = LocalCapacity();
+    const unsigned pos = head & (cap - 1);
     const unsigned room = cap - pos;
     char* ring = reinterpret_cast<char*>(this) + kHeaderSize;
     const char* src = static_cast<const char*>(data);
@@ -132,7 +162,7 @@ void RingHead::Publish(unsigned head, unsigned len) {
 void RingHead::EnqueueImp(void* data, unsigned len) {
     const unsigned m = Load(mask);
     const unsigned cap = Load(capacity);
-    if (!CheckValid() || len > std::min(m, cap) || m + 1 != cap) return;
+    if (!CheckValid() || len > std::min(m, cap) || m + 1 != cap || !Sane()) return;
     unsigned head = 0;
     if (!Reserve(len, head)) return;
     CopyIn(head, data, len);
@@ -142,6 +172,10 @@ void RingHead::EnqueueImp(void* data, unsigned len) {
 // The ring is looked at only under the lock, after checking that it is not
 // being released: a host thread may still log while the library unloads.
 unsigned RingHead::Enqueue(void* data, unsigned len) {
+    return EnqueueWithin(data, len, kLockTimeoutNs);
+}
+
+unsigned RingHead::EnqueueWithin(void* data, unsigned len, long lockTimeoutNs) {
     if (len == 0) return 0;
     if (ConfManager::outputMode) {  // UP environment: the process mutex is the lock
         std::lock_guard<std::mutex> lock(MEMManager::mMutex);
@@ -149,10 +183,12 @@ unsigned RingHead::Enqueue(void* data, unsigned len) {
         EnqueueImp(data, len);
         return len;
     }
-    sem_t* taken = SemManager::TimedLock(kLockTimeoutNs);
+    sem_t* taken = SemManager::TimedLock(lockTimeoutNs);
     if (taken == nullptr) return 0;  // dropped in silence
     unsigned accepted = 0;
-    if (this != sRetired && len <= Load(mask)) {
+    // Nothing into a ring being given up, nor under a lock that is no longer
+    // the ring's (a re-attach replaced it meanwhile).
+    if (this != sRetired && taken == SemManager::Current() && len <= Load(mask)) {
         EnqueueImp(data, len);
         // len even when EnqueueImp dropped the record: callers never learn of drops.
         accepted = len;
@@ -174,10 +210,14 @@ void RingHead::Retire(const void* base) {
     if (taken != nullptr) SemManager::Unlock(taken);
 }
 
+void RingHead::Unretire(const void* base) {
+    if (sRetired == base) __atomic_store_n(&sRetired, nullptr, __ATOMIC_RELEASE);
+}
+
 // Consumer side: reserve, copy, release.
 
 bool RingHead::ReserveRead(unsigned& head, unsigned& n) {
-    const unsigned cap = Load(capacity);
+    const unsigned cap = LocalCapacity();
     for (int attempt = 0; attempt < 2; ++attempt) {
         head = Load(consHead);
         n = Load(prodTail) - head;
@@ -188,8 +228,8 @@ bool RingHead::ReserveRead(unsigned& head, unsigned& n) {
 }
 
 void RingHead::CopyOut(unsigned head, void* buf, unsigned n) {
-    const unsigned cap = Load(capacity);
-    const unsigned pos = head & Load(mask);
+    const unsigned cap = LocalCapacity();
+    const unsigned pos = head & (cap - 1);
     const unsigned first = std::min(n, cap - pos);
     const char* ring = reinterpret_cast<const char*>(this) + kHeaderSize;
     char* dst = static_cast<char*>(buf);
@@ -208,7 +248,7 @@ void RingHead::Release(unsigned head, unsigned n) {
 // The consumer always takes everything published: buf must hold capacity
 // bytes, len is not consulted.
 unsigned RingHead::DequeueImp(void* buf, unsigned /*len*/) {
-    if (!CheckValid() || Load(mask) + 1 != Load(capacity)) return 0;
+    if (!CheckValid() || Load(mask) + 1 != Load(capacity) || !Sane()) return 0;
     unsigned head = 0;
     unsigned n = 0;
     if (!ReserveRead(head, n)) return 0;
@@ -224,7 +264,8 @@ unsigned RingHead::Dequeue(void* buf, unsigned len) {
     }
     sem_t* taken = SemManager::TimedLock(kLockTimeoutNs);
     if (taken == nullptr) return 0;
-    const unsigned n = this != sRetired ? DequeueImp(buf, len) : 0;
+    const unsigned n =
+        this != sRetired && taken == SemManager::Current() ? DequeueImp(buf, len) : 0;
     SemManager::Unlock(taken);
     return n;
 }

@@ -7,6 +7,8 @@
 
 #include <cstring>
 
+#include "transport/RingRegion.h"
+
 namespace PF::Utils::LOG {
 
 namespace {
@@ -32,8 +34,7 @@ bool SHMManager::Ftruncate() {
 }
 
 bool SHMManager::OpenMMAP() {
-    shmInfo.address =
-        mmap(nullptr, shmInfo.size, PROT_READ | PROT_WRITE, MAP_SHARED, shmInfo.descriptor, 0);
+    shmInfo.address = RingRegion::MapShared(shmInfo.descriptor, shmInfo.size);
     if (shmInfo.descriptor != -1) {
         // The mapping stays valid without the descriptor.
         close(shmInfo.descriptor);
@@ -54,10 +55,9 @@ bool SHMManager::CreateSHM(unsigned long size) {
     return true;
 }
 
+// Not unmapped: parked, so a thread still reading the header reads zeros.
 bool SHMManager::DestroySHM() {
-    if (shmInfo.address != nullptr && shmInfo.address != MAP_FAILED) {
-        munmap(shmInfo.address, shmInfo.size);
-    }
+    RingRegion::Park(shmInfo.address, shmInfo.size);
     if (shmInfo.descriptor != -1) {
         close(shmInfo.descriptor);
         shmInfo.descriptor = -1;

@@ -1,14 +1,17 @@
 #include "transport/SemManager.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace PF::Utils::LOG {
 
 namespace {
 constexpr const char* kWriteSemName = "/WriteLOG";
 constexpr const char* kReadSemName = "/ReadLOG";
+constexpr const char* kWriteSemFile = "/dev/shm/sem.WriteLOG";
 constexpr long kNsPerSecond = 1000000000L;
 // Attempts with sem_trywait before sleeping in the kernel: a holder keeps the
 // lock for one copy, usually well under a microsecond, and waking a sleeper
@@ -19,8 +22,46 @@ sem_t* OrNull(sem_t* s) {
     return s == SEM_FAILED ? nullptr : s;
 }
 
-// Counted on the failure path only: the hot path never touches it.
-thread_local unsigned long tLockTimeouts = 0;
+// Handles replaced by a re-attach, closed once no thread can still hold one.
+sem_t* gRetired[2] = {nullptr, nullptr};
+long long gRetiredAtUs = 0;
+constexpr long long kRetiredGraceUs = 1000000;
+
+void CloseHandles(sem_t* handles[2]) {
+    for (int i = 0; i < 2; ++i) {
+        if (handles[i] != nullptr) sem_close(handles[i]);
+        handles[i] = nullptr;
+    }
+}
+
+struct Identity {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    bool operator==(const Identity& o) const { return dev == o.dev && ino == o.ino; }
+};
+Identity gOpened;   // of the lock this process uses
+Identity gOpening;  // of the lock opened last, until published
+
+Identity LockIdentity() {
+    struct stat st {};
+    return stat(kWriteSemFile, &st) == 0 ? Identity{st.st_dev, st.st_ino} : Identity{};
+}
+
+long long NowUs() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return now.tv_sec * 1000000LL + now.tv_nsec / 1000;
+}
+
+// Handles being replaced: kept until the next replacement (a thread may
+// have read one a moment ago and be about to use it), then closed.
+void RetireHandles(sem_t* write, sem_t* read) {
+    if (write == nullptr && read == nullptr) return;
+    CloseHandles(gRetired);
+    gRetired[0] = write;
+    gRetired[1] = read;
+    gRetiredAtUs = NowUs();
+}
 }  // namespace
 
 sem_t* SemManager::sem = nullptr;
@@ -36,9 +77,10 @@ timespec DeadlineAfter(const timespec& now, long addNs) {
     return deadline;
 }
 
-bool SemManager::Create() {
+bool SemManager::Create(unsigned initial) {
+    RetireHandles(sem, readsem);
     sem_unlink(kWriteSemName);
-    sem = OrNull(sem_open(kWriteSemName, O_CREAT | O_EXCL, 0644, 1));
+    sem = OrNull(sem_open(kWriteSemName, O_CREAT | O_EXCL, 0644, initial));
     if (sem == nullptr) return false;
     sem_unlink(kReadSemName);
     readsem = OrNull(sem_open(kReadSemName, O_CREAT | O_EXCL, 0644, 1));
@@ -46,23 +88,69 @@ bool SemManager::Create() {
 }
 
 bool SemManager::Init() {
-    sem = OrNull(sem_open(kWriteSemName, 0));
-    if (sem == nullptr) return false;
-    readsem = OrNull(sem_open(kReadSemName, 0));
+    sem_t* write = nullptr;
+    sem_t* read = nullptr;
+    if (!Open(write, read) && write == nullptr) return false;  // a first attach leaves sem null
+    Publish(write, read);
     return readsem != nullptr;
 }
 
-// The handles are not closed: a writer thread may still be about to use one.
+bool SemManager::Open(sem_t*& write, sem_t*& read) {
+    // The name may be replaced meanwhile: the identity is the one seen both
+    // before and after the open, else unknown (and the next check looks again).
+    const Identity before = LockIdentity();
+    write = OrNull(sem_open(kWriteSemName, 0));
+    gOpening = write != nullptr && LockIdentity() == before ? before : Identity{};
+    read = write != nullptr ? OrNull(sem_open(kReadSemName, 0)) : nullptr;
+    return write != nullptr && read != nullptr;
+}
+
+void SemManager::Publish(sem_t* write, sem_t* read) {
+    RetireHandles(sem, readsem);
+    readsem = read;
+    gOpened = gOpening;
+    __atomic_store_n(&sem, write, __ATOMIC_RELEASE);
+}
+
+void SemManager::Close(sem_t* write, sem_t* read) {
+    sem_t* handles[2] = {write, read};
+    CloseHandles(handles);
+}
+
+bool SemManager::OpenedLockIsCurrent() {
+    const Identity now = LockIdentity();
+    // No lock at all: no runtime to follow yet.
+    return now == Identity{} || now == gOpened;
+}
+
+void SemManager::HoldPreviousLock() {
+    sem_t* previous = OrNull(sem_open(kWriteSemName, 0));
+    if (previous == nullptr) return;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const timespec deadline = DeadlineAfter(now, 100000000);
+    // Taken or held by a process that died: either way nobody gets it any
+    // more. Only this handle is closed; the semaphore stays as it is.
+    while (sem_timedwait(previous, &deadline) != 0 && errno == EINTR) {
+    }
+    sem_close(previous);
+}
+
+void SemManager::CloseRetired(long long nowUs) {
+    if (gRetired[0] != nullptr && nowUs - gRetiredAtUs >= kRetiredGraceUs) CloseHandles(gRetired);
+}
+
+// The handles are not closed at once: a thread may still be about to use one.
 bool SemManager::Destory() {
     sem_unlink(kWriteSemName);
     sem_unlink(kReadSemName);
-    sem = nullptr;
-    readsem = nullptr;
+    sem_t* write = __atomic_exchange_n(&sem, nullptr, __ATOMIC_ACQ_REL);
+    RetireHandles(write, std::exchange(readsem, nullptr));
     return true;
 }
 
 sem_t* SemManager::TimedLock(long timeoutNs) {
-    sem_t* s = sem;
+    sem_t* s = Current();
     if (s == nullptr) return nullptr;
     // A free lock needs no deadline and no clock read.
     if (sem_trywait(s) == 0) return s;
@@ -78,13 +166,7 @@ sem_t* SemManager::TimedLock(long timeoutNs) {
     do {
         rc = sem_timedwait(s, &deadline);
     } while (rc == -1 && errno == EINTR);
-    if (rc == 0) return s;
-    ++tLockTimeouts;
-    return nullptr;
-}
-
-unsigned long SemManager::ThreadLockTimeouts() {
-    return tLockTimeouts;
+    return rc == 0 ? s : nullptr;
 }
 
 void SemManager::Unlock(sem_t* taken) {
