@@ -10,6 +10,8 @@
 #include <memory>
 #include <numeric>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "support/Fixtures.h"
 
@@ -183,4 +185,77 @@ TEST(Lifecycle, UnloadLeavesNoThreadBehind) {
         EXPECT_NE(r.out.find(alone, first + 1), std::string::npos) << r.out;
         if (runtime) runtime->Release();
     }
+}
+
+// Threads that keep logging while main returns, in a writer of a runtime and
+// in a process with a private log: no run dies.
+TEST(Lifecycle, ExitWhileThreadsLogNeverCrashes) {
+    for (const bool writer : {true, false}) {
+        Installation install(writer ? "[log]\nlogLevel=info\n" : "");
+        std::unique_ptr<Runtime> runtime;
+        if (writer) runtime = std::make_unique<Runtime>(install);
+        int died = 0;
+        for (int batch = 0; batch < 10; ++batch) {
+            std::vector<std::unique_ptr<Child>> runs;
+            for (int i = 0; i < 5; ++i)
+                runs.push_back(install.Start("CellEmulation", {"exit-logging=8"}));
+            for (auto& run : runs) {
+                const auto r = run->Wait();
+                died += r.exitCode != 0;
+                EXPECT_EQ(r.signal, 0) << r.err;
+            }
+        }
+        EXPECT_EQ(died, 0) << (writer ? "writers" : "private logs");
+        if (runtime) runtime->Release();
+    }
+}
+
+// Twenty starts and releases leave one configuration monitor behind, with
+// one inotify descriptor and one mapping of the ring; signals that interrupt
+// it do not stop it, and edits still apply.
+TEST(Lifecycle, OneMonitorAfterManyCyclesAndSignals) {
+    Installation install("[log]\nlogLevel=info\n");
+    auto runtime = install.Start("ZMRuntime",
+                                 {"cycles=20", "resources", "signal-monitor=4", "wait", "release"});
+    ASSERT_TRUE(runtime->WaitForOutput("signalled\n")) << runtime->OutSoFar();
+    EXPECT_NE(runtime->OutSoFar().find("monitors 1 inotify 1 zmlog 1 "), std::string::npos)
+        << runtime->OutSoFar();
+    auto watcher = install.Start("CellEmulation", {"wait-level=4", "wait-level=2"});
+    install.AppendConfig("logLevel=error");
+    EXPECT_TRUE(watcher->WaitForOutput("level 4\n"));
+    install.AppendConfig("logLevel=info");
+    EXPECT_EQ(watcher->Wait().out, "level 4\nlevel 2\n");
+    runtime->Send("");
+    const auto r = runtime->Wait();
+    EXPECT_EQ(r.exitCode, 0) << r.err;  // no second archiver on one object, no abort
+    EXPECT_EQ(r.err, "");
+}
+
+// The archiver restarted by an edit runs where the process runs, not pinned
+// to the monitor's core (which a one-core machine cannot tell apart).
+TEST(Lifecycle, ArchiverStartedByAnEditRunsWhereTheProcessRuns) {
+    if (std::thread::hardware_concurrency() < 2) GTEST_SKIP() << "one core only";
+    Installation install("[log]\nlogActive=false\n");
+    auto runtime = install.Start("ZMRuntime", {"start", "affinity", "release"});
+    ASSERT_TRUE(runtime->WaitForOutput("started\n"));
+    install.AppendConfig("logActive=true");
+    ASSERT_TRUE(runtime->WaitForOutput("released")) << runtime->OutSoFar();
+    const std::string out = runtime->OutSoFar();
+    const size_t archiver = out.find("archiver ");
+    const size_t process = out.find(" process ");
+    ASSERT_TRUE(archiver != std::string::npos && process != std::string::npos) << out;
+    EXPECT_EQ(out.substr(archiver + 9, process - archiver - 9),
+              out.substr(process + 9, out.find('\n', process) - process - 9))
+        << out;
+}
+
+// A child forked from a process with a private log while its threads log:
+// none hangs, and each child's record is in the log.
+TEST(Lifecycle, ChildrenOfAPrivateLogGetALogOfTheirOwn) {
+    Installation install("");
+    EXPECT_EQ(install.Run("Forker", {"fork=50"}).out, "children 50 hung 0\n");
+    const std::string log = ReadFile(install.Root() + "/Forker.log");
+    for (int i = 0; i < 50; ++i)
+        EXPECT_NE(log.find("|INFO|Fork|forkchild-" + std::to_string(i) + "\n"), std::string::npos)
+            << i;
 }

@@ -82,13 +82,13 @@ void Log(const std::string& role, unsigned long n, unsigned long size, unsigned 
     while (n != 0 ? written < n : !((pauseUs >= 100 || written % 64 == 0) && LineArrived(false))) {
         std::string text = role + "-" + std::to_string(gSeq);
         if (text.size() < size) text.resize(size, '.');
-        const unsigned long timeouts = SemManager::ThreadLockTimeouts();
+        const unsigned long unwritten = detail::tUnwrittenRecords;
         const auto start = Clock::now();
         WriteLog<std::string>("seq", text, kInfo, "main", 0, 0, 0, std::string());
         const long long us = UsSince(start);
         maxUs = std::max(maxUs, us);
         slow += us > 500 ? 1 : 0;
-        if (SemManager::ThreadLockTimeouts() != timeouts) dropped += " " + std::to_string(gSeq);
+        if (detail::tUnwrittenRecords != unwritten) dropped += " " + std::to_string(gSeq);
         ++gSeq;
         ++written;
         if (pauseUs != 0) usleep(static_cast<useconds_t>(pauseUs));
@@ -122,14 +122,14 @@ std::atomic<bool> gStop{false};
 // in the thread's counter.
 void StreamRecord(const StreamPlan& plan, unsigned t, unsigned long s, StreamReport& report) {
     const std::string text = zmtest::StressContent(plan.p, t, s, plan.minSize, plan.maxSize);
-    const unsigned long timeouts = SemManager::ThreadLockTimeouts();
+    const unsigned long timeouts = detail::tUnwrittenRecords;
     const auto start = Clock::now();
     ZMLOG_INFO(zmtest::kStressTag, text);
     const long long us = UsSince(start);
     ++report.written;
     report.maxUs = std::max(report.maxUs, us);
     report.over2ms += us > 2000 ? 1 : 0;
-    if (SemManager::ThreadLockTimeouts() != timeouts) {
+    if (detail::tUnwrittenRecords != timeouts) {
         ++report.timeouts;
         report.dropped += " " + std::to_string(s);
     }
