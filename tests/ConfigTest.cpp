@@ -55,7 +55,8 @@ TEST_F(ConfigFileTest, LineSyntaxAndDerivedStatics) {
 
 TEST_F(ConfigFileTest, ReloadsKeepWhatTheFileNoLongerSays) {
     ASSERT_TRUE(Load("[log]\nlogLevel=error\nmaxFileRollNumber=5\nconsole=true\n"));
-    ASSERT_TRUE(Load("[log]\nconsole=false\n"));
+    ASSERT_TRUE(Load("[log]\nconsole=false\nwriteMode=a ;comment\n"));
+    EXPECT_EQ(ConfManager::mp.count("writeMode"), 0U);  // the comment drops the line
     EXPECT_EQ(ConfManager::logLevel, 4U);
     EXPECT_EQ(ConfManager::mp["maxFileRollNumber"], "5");
     EXPECT_TRUE(ConfManager::sConsole);  // never switched back off

@@ -39,17 +39,21 @@ TEST(Lifecycle, EachProcessTakesItsRoleAtLoad) {
     const struct {
         const char* role;
         const char* config;
-        const char* probe;
+        std::vector<std::string> steps;
+        const char* out;
     } cases[] = {
         // The runtime becomes the reader only through StartRuntimeLog.
-        {"ZMRuntime", Installation::kConfig, "up=1 ring=0 threads=LogHelper\n"},
-        {"SomeTool", "", "up=1 ring=1 threads=LogHelper,ShmReadToBinary\n"},
+        {"ZMRuntime", Installation::kConfig, {"probe"}, "up=1 ring=0 threads=LogHelper\n"},
+        {"SomeTool", "", {"probe"}, "up=1 ring=1 threads=LogHelper,ShmReadToBinary\n"},
         // A writer with no runtime up yet is silent and starts no thread.
-        {"CellEmulation", Installation::kConfig, "up=0 ring=0 threads=LogHelper\n"},
+        {"CellEmulation", Installation::kConfig, {"probe"}, "up=0 ring=0 threads=LogHelper\n"},
+        // A runtime asking for a private log gets one.
+        {"ZMRuntime", Installation::kConfig, {"start", "private=none.cfg,.", "probe"},
+         "started\nconfigured\nup=1 ring=1 threads=LogHelper,ShmReadToBinary\n"},
     };
     for (const auto& c : cases) {
         Installation install(c.config);
-        EXPECT_EQ(install.Run(c.role, {"probe"}).out, c.probe) << c.role;
+        EXPECT_EQ(install.Run(c.role, c.steps).out, c.out) << c.role;
         EXPECT_FALSE(Exists("/dev/shm/ZMLOG"));
     }
 }
@@ -118,17 +122,19 @@ TEST(Lifecycle, LevelChangesReachEveryWriter) {
     Installation install;
     Runtime runtime(install);
     auto watcher = install.Start("CellEmulation",
-                                 {"wait-level=3", "wait-level=4", "wait-level=3", "wait-level=5"});
+                                 {"wait-level=3", "wait-level=4", "wait-level=5", "wait-level=3"});
     install.Run("BusBridge", {"level=3"});
     EXPECT_TRUE(watcher->WaitForOutput("level 3\n"));
     install.AppendConfig("logLevel=error");
     EXPECT_TRUE(watcher->WaitForOutput("level 4\n"));
+    install.AppendConfig("logLevel=fatal");
+    EXPECT_TRUE(watcher->WaitForOutput("level 5\n"));
     WriteFile(install.ConfPath() + ".new", "[log]\nlogLevel=warn\n");
     ASSERT_EQ(std::rename((install.ConfPath() + ".new").c_str(), install.ConfPath().c_str()), 0);
-    EXPECT_TRUE(watcher->WaitForOutput("level 4\nlevel 3\n"));
-    install.AppendConfig("logLevel=fatal");
-    EXPECT_EQ(watcher->Wait().out, "level 3\nlevel 4\nlevel 3\nlevel 5\n");
+    EXPECT_EQ(watcher->Wait().out, "level 3\nlevel 4\nlevel 5\nlevel 3\n");
     runtime.Release();
+    // At WARN and above the release writes no notice.
+    EXPECT_TRUE(DecodedLog(install.DataFile()).records.empty());
 }
 
 TEST(Lifecycle, BindingTheArchiverToAMissingCpuIsReported) {
