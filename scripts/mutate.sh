@@ -4,20 +4,26 @@
 # incrementally, runs the suite until its first failure and reports the
 # fault as caught or missed. A catch counts only when the failing tests fail
 # again on a second run, so a flaky test never passes for a catch.
-#   scripts/mutate.sh [--check] [--list FILE] [NAME-PATTERN]
+#   scripts/mutate.sh [--check] [--all] [--list FILE] [NAME-PATTERN]
 #     --check         only say which faults no longer apply to the tree
+#     --all           run the whole suite for each fault and name every test
+#                     that fails (which tests catch which faults: what a
+#                     test adds to the suite), instead of stopping at the first
 #     NAME-PATTERN    only the faults whose name matches (grep -E)
-# Environment: MUTATE_DIR (scratch tree, default /tmp/zmlog-mutate; kept
-# between runs so builds stay incremental), MUTATE_JOBS (ctest -j).
+# Environment: MUTATE_SOURCE (the tree, default this one), MUTATE_DIR
+# (scratch tree, default /tmp/zmlog-mutate; kept between runs so builds stay
+# incremental), MUTATE_JOBS (ctest -j).
 # A tool for whoever changes the tests; not part of CI.
 set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
+root=${MUTATE_SOURCE:-$(cd "$(dirname "$0")/.." && pwd)}
 list=$root/scripts/mutations.txt
 check=0
+all=0
 pattern=
 while [ $# -gt 0 ]; do
   case $1 in
     --check) check=1 ;;
+    --all) all=1 ;;
     --list) list=$2; shift ;;
     *) pattern=$1 ;;
   esac
@@ -126,6 +132,21 @@ while IFS=$'\t' read -r name file find repl; do
     continue
   fi
   total=$((total + 1))
+  if [ $all -eq 1 ]; then
+    run_suite || true
+    failed=$(cut -d: -f2- "$build/Testing/Temporary/LastTestsFailed.log" 2>/dev/null | paste -sd'|' -)
+    if [ -n "$failed" ] && ! run_suite --rerun-failed; then
+      failed=$(cut -d: -f2- "$build/Testing/Temporary/LastTestsFailed.log" | paste -sd'|' -)
+      verdict="caught  $name by $failed"
+      caught=$((caught + 1))
+    else
+      verdict="missed  $name"
+    fi
+    echo "$verdict [$(($(date +%s) - t0)) s]" | tee -a "$report"
+    mv "$target.orig" "$target"
+    touch "$target"
+    continue
+  fi
   # A failure counts when it repeats; a test that fails only once is left out
   # and the rest of the suite is run on.
   skip=
