@@ -41,7 +41,10 @@ void* MapPrivate(std::size_t size) {
 
 void Park(void* address, std::size_t size) {
     if (address == nullptr || address == MAP_FAILED || size == 0) return;
-    mmap(address, size, PROT_READ | PROT_WRITE, kAnonymous | MAP_FIXED, -1, 0);
+    // On failure (no memory for the page tables) the ring stays mapped as it
+    // was: still readable, just not released.
+    if (mmap(address, size, PROT_READ | PROT_WRITE, kAnonymous | MAP_FIXED, -1, 0) == MAP_FAILED)
+        return;
     if (address == gAddress) gParked = true;
 }
 
