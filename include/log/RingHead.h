@@ -22,8 +22,10 @@ class RingHead {
     bool Empty();  // always false; drops every unread byte
 
     unsigned Enqueue(void* data, unsigned len);
-    // Enqueue with another deadline for the lock: only for the record that
-    // met a runtime's restart, which waits for the new ring (RuntimeFollower).
+    // The writers' Enqueue: a record that finds the ring full has notices of
+    // the discard put in before it (sOnEmptied). Its own deadline for the
+    // lock serves the record that met a runtime's restart, which waits for
+    // the new ring (RuntimeFollower).
     unsigned EnqueueWithin(void* data, unsigned len, long lockTimeoutNs);
     unsigned Dequeue(void* buf, unsigned len);
     void EnqueueImp(void* data, unsigned len);
@@ -59,6 +61,9 @@ class RingHead {
     static void Retire(const void* base);
     // A ring mapped at base again takes records again.
     static void Unretire(const void* base);
+    // Called, with the lock held, when a record found the ring full and its
+    // unread bytes were thrown away: the writer puts notices in first.
+    static void (*sOnEmptied)(RingHead* ring, unsigned discardedBytes);
 
     // Offset 0 holds the vtable pointer of the initialising process; no other
     // process reads it.
@@ -78,7 +83,9 @@ class RingHead {
     static const void* sLocalBase;
     static unsigned sLocalCapacity;
     // Enqueue, in named steps.
-    bool Reserve(unsigned len, unsigned& head);
+    bool Reserve(unsigned len, unsigned& head, bool noteEmptied);
+    void Insert(void* data, unsigned len, bool noteEmptied);
+    unsigned Put(void* data, unsigned len, long lockTimeoutNs, bool noteEmptied);
     void CopyIn(unsigned head, const void* data, unsigned len);
     void Publish(unsigned head, unsigned len);
     // Dequeue, in named steps.
@@ -106,5 +113,7 @@ static_assert(sizeof(unsigned long) == 8, "x86-64 Linux only");
 
 // Size of the segment the reader creates and of the private block.
 constexpr unsigned long kSegmentSize = 0x800030;
+// A writer waits this long for the ring's lock, and drops its record after.
+constexpr long kLockTimeoutNs = 1000000;
 
 }  // namespace PF::Utils::LOG

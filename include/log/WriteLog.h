@@ -52,11 +52,23 @@ inline std::int64_t NowUs() noexcept {
            1000;
 }
 
-// A writer looks, at most every 100 ms of record time, whether the runtime it
-// attached to was replaced by a new one, and then follows it; the time of the
-// next look, in microseconds since the epoch (never, in other processes).
-extern std::int64_t gNextAttachmentCheckUs;
-void CheckAttachment(std::int64_t nowUs);
+// Why a record was not written; each is counted per process and reported
+// in the log (see src/writer/LossReport.cpp).
+enum class Loss : unsigned { kLockBusy, kRingFull, kTooLong, kRateLimited, kCount };
+// Counted on the loss path only.
+void CountLoss(Loss cause, std::int64_t timeUs);
+// Records of the calling thread that were not written, for tests.
+extern thread_local unsigned long tUnwrittenRecords;
+
+// From this time (microseconds since the epoch, like a record's time stamp)
+// records take the slow path of RecordGate.cpp: a writer's look whether the
+// runtime it attached to was replaced (every 100 ms), a loss to report, a
+// process-wide rate limit (every record, while one is set). INT64_MAX: never,
+// so a normal record pays one compare.
+extern std::int64_t gSlowPathFromUs;
+// The slow path; false when the record is not to be written (rate limited,
+// and counted).
+bool PassGate(std::int64_t timeUs);
 // A record of time timeUs did not get in: true when the runtime was replaced
 // meanwhile and the writer now writes to the new one, where the record then
 // waits for the new ring to be ready (at most kRestartWaitNs, once per
@@ -64,21 +76,20 @@ void CheckAttachment(std::int64_t nowUs);
 bool FollowedNewRuntime(std::int64_t timeUs);
 constexpr long kRestartWaitNs = 20000000;
 
-// Records of the calling thread that did not get into the ring (the lock
-// not had within its deadline), counted on that path only.
-extern thread_local unsigned long tUnwrittenRecords;
+inline bool GatePasses(std::int64_t timeUs) {
+    return __builtin_expect(timeUs < __atomic_load_n(&gSlowPathFromUs, __ATOMIC_RELAXED), 1) ||
+           PassGate(timeUs);
+}
 
-// Hands a finished record to the ring. The hot path pays one compare of the
-// record's time stamp; the rest runs when a look is due or a write failed.
+// Hands a finished record to the ring.
 inline void Submit(char* record, unsigned total, std::int64_t timeUs) {
-    if (__builtin_expect(timeUs >= __atomic_load_n(&gNextAttachmentCheckUs, __ATOMIC_RELAXED), 0))
-        CheckAttachment(timeUs);
+    if (!GatePasses(timeUs)) return;
     RingHead* ring = RingHead::instance;
     if (ring == nullptr) return;
-    if (__builtin_expect(ring->Enqueue(record, total) == 0, 0)) {
+    if (__builtin_expect(ring->EnqueueWithin(record, total, kLockTimeoutNs) == 0, 0)) {
         RingHead* again = FollowedNewRuntime(timeUs) ? RingHead::instance : nullptr;
         if (again == nullptr || again->EnqueueWithin(record, total, kRestartWaitNs) == 0)
-            ++tUnwrittenRecords;
+            CountLoss(Loss::kLockBusy, timeUs);
     }
 }
 
@@ -139,6 +150,7 @@ void WriteLogNoBinary(const char* tag, const T& content, unsigned char level, co
     head.contentLen = binary == 1 ? length : detail::TextLength(content);
     head.threadId = detail::CurrentThreadId();
     head.timeUs = detail::NowUs();
+    if (!detail::GatePasses(head.timeUs)) return;
 
     std::string functionText(detail::OrEmpty(function));
     std::string tagText(detail::OrEmpty(tag));
@@ -158,9 +170,9 @@ void WriteLogNoBinary(const char* tag, const T& content, unsigned char level, co
 
     std::string line = gParseLogFunction(head, functionText, tagText, contentText);
     line.push_back('\n');
-    if (line.size() > kMaxRecordLength) return;
+    if (line.size() > kMaxRecordLength) return detail::CountLoss(detail::Loss::kTooLong, head.timeUs);
     if (RingHead* ring = RingHead::GetInstance()) {
-        ring->Enqueue(line.data(), static_cast<unsigned>(line.size()));
+        ring->EnqueueWithin(line.data(), static_cast<unsigned>(line.size()), kLockTimeoutNs);
     }
     OutputConsole(line);
 }
@@ -201,7 +213,7 @@ void WriteLog(const char* tag, const T& content, unsigned char level, const char
 
     // 32-bit sum on purpose: callers keep binary lengths small.
     const std::uint32_t total = 32U + functionLen + programLen + tagLen + length;
-    if (total > kMaxRecordLength) return;
+    if (__builtin_expect(total > kMaxRecordLength, 0)) return detail::CountLoss(detail::Loss::kTooLong, timeUs);
 
     // cppcheck-suppress allocaCalled ; the record lives on the stack by design
     auto* record = static_cast<char*>(alloca(total));

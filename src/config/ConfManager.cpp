@@ -9,6 +9,7 @@
 
 #include "common/Immortal.h"
 #include "log/ReadCFGFile.h"
+#include "writer/RateLimit.h"
 
 namespace PF::Utils::LOG {
 
@@ -81,7 +82,8 @@ bool ParseKeyAndValue(std::string& key, std::string& value, const std::string& l
     }
     return key == "PFMask" || key == "RTMask" || key == "HCMask" || key == "HWMask" ||
            key == "console" || key == "OutputMode" || key == "maxFileRollNumber" ||
-           key == "readerInterval" || key == "writeMode" || key == "program";
+           key == "readerInterval" || key == "writeMode" || key == "program" ||
+           key == "rateLimitBurst" || key == "rateLimitIntervalMs";
 }
 
 bool ConfManager::ReadConfigFile(const std::string& path) {
@@ -121,6 +123,7 @@ bool ConfManager::ReadConfigFile(const std::string& path) {
     sRTMask = (sRTMask << 16) & 0xFFFFFFFFUL;
     sHCMask = (sHCMask << 32) & 0xFFFF00000000UL;
     sALLMask = (sRTMask | sHCMask) + sPFMask + sHWMask;
+    detail::ApplyRateLimitKeys();
     return true;
 }
 

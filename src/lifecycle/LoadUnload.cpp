@@ -10,6 +10,8 @@
 #include "lifecycle/ProcessRoles.h"
 #include "log/ConfManager.h"
 #include "log/Control.h"
+#include "log/WriteLog.h"
+#include "writer/LossReport.h"
 
 namespace PF::Utils::LOG {
 
@@ -29,6 +31,9 @@ __attribute__((constructor)) void Init() {
         if (IsUPEnvironment()) {
             InitResourceAndReadThread();
         } else {
+            // A writer reads the keys that concern every process (its rate
+            // limit); the switches it takes from the ring.
+            ConfManager::ReadConfigFile(paths.first);
             InitWriteProcess();  // a failed attach just leaves the process silent
         }
     } catch (...) {
@@ -38,6 +43,8 @@ __attribute__((constructor)) void Init() {
 
 __attribute__((destructor)) void CloseResource() {
     try {
+        // Losses not reported yet: once more, within the usual deadline.
+        detail::ReportLosses(detail::NowUs(), kLockTimeoutNs);
         if (!IsUPEnvironment()) {
             // The runtime must have called ReleaseRuntimeLog itself.
             if (std::strcmp(program_invocation_short_name, "ZMRuntime") != 0) CloseWriteProcess();

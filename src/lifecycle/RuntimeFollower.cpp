@@ -15,15 +15,13 @@
 #include "lifecycle/RuntimeFollower.h"
 #include "log/WriteLog.h"
 #include "transport/SemManager.h"
+#include "writer/RecordGate.h"
 
 namespace PF::Utils::LOG {
 
-namespace detail {
-std::int64_t gNextAttachmentCheckUs = INT64_MAX;
-thread_local unsigned long tUnwrittenRecords = 0;
-}  // namespace detail
-
 namespace {
+
+std::int64_t gAttachmentDueUs = INT64_MAX;
 
 constexpr std::int64_t kLookEveryUs = 100000;
 std::atomic<bool> gFollowing{false};
@@ -41,16 +39,21 @@ bool Follow() {
 }  // namespace
 
 void FollowTheRuntime(bool follow) {
-    __atomic_store_n(&detail::gNextAttachmentCheckUs,
-                     follow ? detail::NowUs() + kLookEveryUs : INT64_MAX, __ATOMIC_RELAXED);
+    __atomic_store_n(&gAttachmentDueUs, follow ? detail::NowUs() + kLookEveryUs : INT64_MAX,
+                     __ATOMIC_RELAXED);
+    detail::RecomputeSlowPath();
 }
 
 namespace detail {
 
+std::int64_t AttachmentDueUs() {
+    return __atomic_load_n(&gAttachmentDueUs, __ATOMIC_RELAXED);
+}
+
 void CheckAttachment(std::int64_t nowUs) {
-    std::int64_t due = __atomic_load_n(&gNextAttachmentCheckUs, __ATOMIC_RELAXED);
+    std::int64_t due = AttachmentDueUs();
     if (nowUs < due || due == INT64_MAX) return;
-    if (!__atomic_compare_exchange_n(&gNextAttachmentCheckUs, &due, nowUs + kLookEveryUs, false,
+    if (!__atomic_compare_exchange_n(&gAttachmentDueUs, &due, nowUs + kLookEveryUs, false,
                                      __ATOMIC_RELAXED, __ATOMIC_RELAXED))
         return;  // another thread looks
     SemManager::CloseRetired(nowUs);
@@ -58,7 +61,7 @@ void CheckAttachment(std::int64_t nowUs) {
 }
 
 bool FollowedNewRuntime(std::int64_t timeUs) {
-    if (__atomic_load_n(&gNextAttachmentCheckUs, __ATOMIC_RELAXED) == INT64_MAX) return false;
+    if (AttachmentDueUs() == INT64_MAX) return false;
     // Another thread of this process may be following right now: its result
     // serves this record too.
     for (int waited = 0; gFollowing.load() && waited < 200; ++waited) {

@@ -16,6 +16,7 @@ RingHead* RingHead::instance = nullptr;
 char* RingHead::sRing = nullptr;
 const void* RingHead::sRetired = nullptr;
 const void* RingHead::sLocalBase = nullptr;
+void (*RingHead::sOnEmptied)(RingHead*, unsigned) = nullptr;
 unsigned RingHead::sLocalCapacity = 0;
 
 namespace {
@@ -115,14 +116,16 @@ bool RingHead::Empty() {
 
 // Producer side: reserve, copy, publish.
 
-bool RingHead::Reserve(unsigned len, unsigned& head) {
+bool RingHead::Reserve(unsigned len, unsigned& head, bool noteEmptied) {
     const unsigned m = LocalCapacity() - 1;
     for (int attempt = 0; attempt < 2; ++attempt) {
         head = Load(prodHead);
         unsigned freeBytes = Load(consTail) + m - head;
         if (len > freeBytes) {
             // Full: unread records are thrown away so that the newest win.
+            const unsigned discarded = Load(prodTail) - Load(consHead);
             Empty();
+            if (noteEmptied && sOnEmptied != nullptr && discarded != 0) sOnEmptied(this, discarded);
             freeBytes = Load(consTail) + m - Load(prodHead);
             if (len > freeBytes) return false;
             continue;
@@ -160,27 +163,35 @@ void RingHead::Publish(unsigned head, unsigned len) {
 }
 
 void RingHead::EnqueueImp(void* data, unsigned len) {
+    Insert(data, len, false);
+}
+
+void RingHead::Insert(void* data, unsigned len, bool noteEmptied) {
     const unsigned m = Load(mask);
     const unsigned cap = Load(capacity);
     if (!CheckValid() || len > std::min(m, cap) || m + 1 != cap || !Sane()) return;
     unsigned head = 0;
-    if (!Reserve(len, head)) return;
+    if (!Reserve(len, head, noteEmptied)) return;
     CopyIn(head, data, len);
     Publish(head, len);
 }
 
-// The ring is looked at only under the lock, after checking that it is not
-// being released: a host thread may still log while the library unloads.
 unsigned RingHead::Enqueue(void* data, unsigned len) {
-    return EnqueueWithin(data, len, kLockTimeoutNs);
+    return Put(data, len, kLockTimeoutNs, false);
 }
 
 unsigned RingHead::EnqueueWithin(void* data, unsigned len, long lockTimeoutNs) {
+    return Put(data, len, lockTimeoutNs, true);
+}
+
+// The ring is looked at only under the lock, after checking that it is not
+// being released: a host thread may still log while the library unloads.
+unsigned RingHead::Put(void* data, unsigned len, long lockTimeoutNs, bool noteEmptied) {
     if (len == 0) return 0;
     if (ConfManager::outputMode) {  // UP environment: the process mutex is the lock
         std::lock_guard<std::mutex> lock(MEMManager::mMutex);
         if (this == sRetired || len > Load(mask)) return 0;
-        EnqueueImp(data, len);
+        Insert(data, len, noteEmptied);
         return len;
     }
     sem_t* taken = SemManager::TimedLock(lockTimeoutNs);
@@ -189,8 +200,8 @@ unsigned RingHead::EnqueueWithin(void* data, unsigned len, long lockTimeoutNs) {
     // Nothing into a ring being given up, nor under a lock that is no longer
     // the ring's (a re-attach replaced it meanwhile).
     if (this != sRetired && taken == SemManager::Current() && len <= Load(mask)) {
-        EnqueueImp(data, len);
-        // len even when EnqueueImp dropped the record: callers never learn of drops.
+        Insert(data, len, noteEmptied);
+        // len even when the record was dropped: callers never learn of drops.
         accepted = len;
     }
     SemManager::Unlock(taken);

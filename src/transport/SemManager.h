@@ -6,6 +6,8 @@
 #include <semaphore.h>
 #include <time.h>
 
+#include "log/RingHead.h"  // kLockTimeoutNs
+
 namespace PF::Utils::LOG {
 
 class SemManager {
@@ -56,6 +58,5 @@ class SemManager {
 // CLOCK_REALTIME now plus addNs (at most one second), normalised.
 timespec DeadlineAfter(const timespec& now, long addNs);
 
-constexpr long kLockTimeoutNs = 1000000;  // 1 ms: no writer ever waits longer
 
 }  // namespace PF::Utils::LOG

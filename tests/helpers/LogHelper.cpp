@@ -20,7 +20,9 @@
 //   typed                 a text, an int and a 3-byte binary record: "typed"
 //   limit                 the largest record there is, one byte more, and a
 //                         normal one: "content <bytes> max_us <m>"
-//   hold-lock             takes "/WriteLOG" and keeps it: "locked"
+//   hold-lock, release-lock  takes "/WriteLOG" and keeps it, gives it back:
+//                         "locked", "unlocked"
+//   sleep=<ms>            "slept"
 //   repair                watches "/WriteLOG" for 20 ms: "free" when it was
 //                         ever free, else ResetShm: "reset <result> at <us>"
 //   stream=<p>,<threads>,<rate>,<min>,<max>,<count>[,burst]  the stress
@@ -259,6 +261,12 @@ bool RunStep(const std::string& role, const std::string& step) {
     } else if (name == "hold-lock") {
         sem_wait(SemManager::sem);
         Say("locked");
+    } else if (name == "release-lock") {
+        sem_post(SemManager::sem);
+        Say("unlocked");
+    } else if (name == "sleep") {
+        std::this_thread::sleep_for(std::chrono::milliseconds(arg(0)));
+        Say("slept");
     } else if (name == "repair") {
         // A live holder keeps the lock for microseconds: 20 ms without ever
         // seeing it free means its holder is dead.
