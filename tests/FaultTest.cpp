@@ -307,7 +307,8 @@ TEST(Fault, RecordAtTheSizeLimit) {
     EXPECT_TRUE(plain.compare(0, expected.size(), expected) == 0);
     // The record one byte too long is reported lost before the next one.
     EXPECT_EQ(records[1].content.rfind("lost 1 records: lock busy 0, ring full 0, too long 1, "
-                                       "rate limited 0, since ", 0),
+                                       "rate limited 0, since ",
+                                       0),
               0U);
     EXPECT_EQ(records[2].program + ":" + records[2].content, "CellEmulation:after the limits");
     EXPECT_EQ(records[3].function, "CloseReadThreadAndResource");

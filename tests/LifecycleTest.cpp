@@ -48,7 +48,9 @@ TEST(Lifecycle, EachProcessTakesItsRoleAtLoad) {
         // A writer with no runtime up yet is silent and starts no thread.
         {"CellEmulation", Installation::kConfig, {"probe"}, "up=0 ring=0 threads=LogHelper\n"},
         // A runtime asking for a private log gets one.
-        {"ZMRuntime", Installation::kConfig, {"start", "private=none.cfg,.", "probe"},
+        {"ZMRuntime",
+         Installation::kConfig,
+         {"start", "private=none.cfg,.", "probe"},
          "started\nconfigured\nup=1 ring=1 threads=LogHelper,ShmReadToBinary\n"},
     };
     for (const auto& c : cases) {

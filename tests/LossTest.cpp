@@ -131,7 +131,8 @@ TEST(Loss, AFloodOverItsRateLimitCostsOthersNothing) {
     EXPECT_EQ(reported.total, lost);
     EXPECT_EQ(reported.rateLimited + reported.lockBusy, lost);
     EXPECT_GT(reported.rateLimited, 0U);
-    std::printf("[ figures  ] flood of %zu records over 200 per 100 ms: %zu lost, %lu reported; "
-                "the steady writer lost 0 of 500\n",
-                Written(floodOut), lost, reported.total);
+    std::printf(
+        "[ figures  ] flood of %zu records over 200 per 100 ms: %zu lost, %lu reported; "
+        "the steady writer lost 0 of 500\n",
+        Written(floodOut), lost, reported.total);
 }

@@ -108,9 +108,10 @@ TEST_F(SharedRingTest, KilledLockHolderIsRepairedByResetShm) {
     // The five records lost meanwhile are reported before the next one.
     const auto records = zmtest::WalkRecords(Drain());
     ASSERT_EQ(records.size(), 2U);
-    EXPECT_EQ(records[0].content.rfind(
-                  "lost 5 records: lock busy 5, ring full 0, too long 0, rate limited 0, since ", 0),
-              0U);
+    EXPECT_EQ(
+        records[0].content.rfind(
+            "lost 5 records: lock busy 5, ring full 0, too long 0, rate limited 0, since ", 0),
+        0U);
     EXPECT_EQ(records[0].tag + "|" + std::to_string(records[0].head.threadId), "zmlog|0");
     EXPECT_EQ(records[1].content, "after repair");
 

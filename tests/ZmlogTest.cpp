@@ -262,26 +262,45 @@ TEST_F(ZmlogRun, FiltersAndColour) {
         EXPECT_EQ(Run(args).out, out) << ::testing::PrintToString(args);
 }
 
-TEST_F(ZmlogRun, StatsCountProgramsLevelsSpanAndDamage) {
+TEST_F(ZmlogRun, StatsCountProgramsLevelsSpanDamageAndLosses) {
+    // The library's own notices of the log's gaps (thread 0, tag "zmlog").
+    const auto notice = [](int s, const std::string& content) {
+        return MakeRecord("ReportLosses", "MyTool", "zmlog", content, 3, 0, false, 0,
+                          kT0 + s * 1000000LL);
+    };
     Write(LogFile("_1"), "junk" + Rec(0, 2, "ZMRuntime"));
-    Write(LogFile(), Rec(1, 3, "CellEmulation") + Rec(2, 4, "MyTool") + Rec(3, 3, "ZMRuntime") +
-                         Rec(5, 2, "ZMRuntime").substr(0, 40));
+    Write(LogFile(), Rec(1, 3, "CellEmulation") +
+                         notice(2,
+                                "lost 5 records: lock busy 3, ring full 0, too long 2, rate "
+                                "limited 0, since 22:13:20.000") +
+                         notice(2, "discarded 1000 bytes of unread records") +
+                         Rec(3, 3, "ZMRuntime") + Rec(5, 2, "ZMRuntime").substr(0, 40));
     // Damaged: "junk" and the cut record's 40 bytes.
     const std::string expected =
-        "records: 4\nspan: 2023-11-14 22:13:20.123456 .. 2023-11-14 22:13:23.123456\n"
+        "records: 5\nspan: 2023-11-14 22:13:20.123456 .. 2023-11-14 22:13:23.123456\n"
         "damaged bytes skipped: 44\n"
         "program        TRACE  DEBUG   INFO   WARN  ERROR  FATAL  Record     total\n"
         "CellEmulation      0      0      0      1      0      0       0         1\n"
-        "MyTool             0      0      0      0      1      0       0         1\n"
+        "MyTool             0      0      0      2      0      0       0         2\n"
         "ZMRuntime          0      0      1      1      0      0       0         2\n"
-        "all                0      0      1      2      1      0       0         4\n";
+        "all                0      0      1      4      0      0       0         5\n"
+        "records lost   lock busy  ring full  too long  rate limited     total  bytes discarded\n"
+        "MyTool                 3          0         2             0         5             1000\n";
     auto r = Run({"--stats"});
     EXPECT_EQ(r.exitCode, 0);
     EXPECT_EQ(r.out, expected);
     // Filters apply to the counts, not to the damage.
-    r = Run({"--stats", "--json", "--level=warn"});
-    EXPECT_EQ(r.out.rfind("{\"records\":3,", 0), 0U) << r.out;
+    r = Run({"--stats", "--json", "--level=warn", "--program=MyTool"});
+    EXPECT_EQ(r.out.rfind("{\"records\":2,", 0), 0U) << r.out;
     EXPECT_NE(r.out.find(",\"damaged_bytes\":44,"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find(",\"losses\":{\"MyTool\":{\"lock_busy\":3,\"ring_full\":0,\"too_long\":2,"
+                         "\"rate_limited\":0,\"total\":5,\"bytes_discarded\":1000}}}\n"),
+              std::string::npos)
+        << r.out;
+    // On a terminal a gap stands out.
+    EXPECT_EQ(Run({"--color=always", "--program=MyTool", "-n", "1"}).out,
+              "\x1b[1;7;31m2023-11-14 22:13:22.123 MyTool[0] WARN ReportLosses: zmlogdiscarded "
+              "1000 bytes of unread records\x1b[0m\n");
 }
 
 TEST_F(ZmlogRun, SaysWhatItCouldNotReadAndNothingElse) {

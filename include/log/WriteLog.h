@@ -170,7 +170,8 @@ void WriteLogNoBinary(const char* tag, const T& content, unsigned char level, co
 
     std::string line = gParseLogFunction(head, functionText, tagText, contentText);
     line.push_back('\n');
-    if (line.size() > kMaxRecordLength) return detail::CountLoss(detail::Loss::kTooLong, head.timeUs);
+    if (line.size() > kMaxRecordLength)
+        return detail::CountLoss(detail::Loss::kTooLong, head.timeUs);
     if (RingHead* ring = RingHead::GetInstance()) {
         ring->EnqueueWithin(line.data(), static_cast<unsigned>(line.size()), kLockTimeoutNs);
     }
@@ -213,7 +214,8 @@ void WriteLog(const char* tag, const T& content, unsigned char level, const char
 
     // 32-bit sum on purpose: callers keep binary lengths small.
     const std::uint32_t total = 32U + functionLen + programLen + tagLen + length;
-    if (__builtin_expect(total > kMaxRecordLength, 0)) return detail::CountLoss(detail::Loss::kTooLong, timeUs);
+    if (__builtin_expect(total > kMaxRecordLength, 0))
+        return detail::CountLoss(detail::Loss::kTooLong, timeUs);
 
     // cppcheck-suppress allocaCalled ; the record lives on the stack by design
     auto* record = static_cast<char*>(alloca(total));

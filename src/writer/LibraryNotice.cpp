@@ -41,8 +41,8 @@ unsigned Build(const Notice& n, Put put) {
     head.contentLen = static_cast<std::uint32_t>(n.content.size());
     head.threadId = 0;  // written by the library, not by a calling thread
     head.timeUs = n.timeUs;
-    const unsigned total = sizeof head + head.functionLen + head.programLen + head.tagLen +
-                           head.contentLen;
+    const unsigned total =
+        sizeof head + head.functionLen + head.programLen + head.tagLen + head.contentLen;
     // cppcheck-suppress allocaCalled ; never the heap on the binary path
     auto* record = static_cast<char*>(alloca(total));
     char* out = record;

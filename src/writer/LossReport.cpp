@@ -39,7 +39,8 @@ char* AppendClock(char* out, std::int64_t timeUs) {
         *out++ = ':';
     }
     out[-1] = '.';
-    for (long digit = 100; digit != 0; digit /= 10) *out++ = static_cast<char>('0' + ms % 1000 / digit % 10);
+    for (long digit = 100; digit != 0; digit /= 10)
+        *out++ = static_cast<char>('0' + ms % 1000 / digit % 10);
     return out;
 }
 
@@ -105,13 +106,13 @@ void ReportLosses(std::int64_t nowUs, long lockTimeoutNs) {
 
 void NoteRingEmptied(RingHead* ring, unsigned discardedBytes) {
     const std::int64_t now = NowUs();
-    EnqueueNoticeLocked(ring, {"GenerateEmptyLog", "", "ring buffer is full, call empty function",
-                               now, kWarn});
+    EnqueueNoticeLocked(
+        ring, {"GenerateEmptyLog", "", "ring buffer is full, call empty function", now, kWarn});
     char text[64];
     char* out = Append(AppendNumber(Append(text, "discarded "), discardedBytes),
                        " bytes of unread records");
-    EnqueueNoticeLocked(ring, {"NoteRingEmptied", "zmlog", std::string_view(text, out - text), now,
-                               kWarn});
+    EnqueueNoticeLocked(
+        ring, {"NoteRingEmptied", "zmlog", std::string_view(text, out - text), now, kWarn});
 }
 
 }  // namespace PF::Utils::LOG::detail

@@ -21,6 +21,13 @@ void LogStats::Add(const WalkedRecord& r) {
     if (it == programs_.end()) it = programs_.emplace(std::string(r.program), Counts{}).first;
     ++it->second[r.head.flags & 7U];
     ++records_;
+    LossCounts notice;
+    if (AddLossNotice(r, notice)) {
+        auto at = losses_.find(r.program);
+        if (at == losses_.end()) at = losses_.emplace(std::string(r.program), LossCounts{}).first;
+        for (std::size_t i = 0; i < notice.lost.size(); ++i) at->second.lost[i] += notice.lost[i];
+        at->second.discardedBytes += notice.discardedBytes;
+    }
     if (r.head.timeUs < firstUs_) firstUs_ = r.head.timeUs;
     if (r.head.timeUs > lastUs_) lastUs_ = r.head.timeUs;
 }
@@ -58,6 +65,19 @@ void LogStats::Print(OutputSink& out, bool json, std::uint64_t damagedBytes) {
                 total += counts[l];
             }
             text += "\"total\":" + std::to_string(total) + '}';
+        }
+        text += "},\"losses\":{";
+        firstProgram = true;
+        for (const auto& [name, loss] : losses_) {
+            if (!firstProgram) text += ',';
+            firstProgram = false;
+            AppendJsonString(text, name);
+            text += ":{\"lock_busy\":" + std::to_string(loss.lost[0]) +
+                    ",\"ring_full\":" + std::to_string(loss.lost[1]) +
+                    ",\"too_long\":" + std::to_string(loss.lost[2]) +
+                    ",\"rate_limited\":" + std::to_string(loss.lost[3]) +
+                    ",\"total\":" + std::to_string(loss.Total()) +
+                    ",\"bytes_discarded\":" + std::to_string(loss.discardedBytes) + '}';
         }
         text += "}}\n";
         return;
@@ -98,6 +118,29 @@ void LogStats::Print(OutputSink& out, bool json, std::uint64_t damagedBytes) {
     text += "     total\n";
     for (const auto& [name, counts] : programs_) row(name, counts);
     if (programs_.size() > 1) row("all", totals);
+    if (losses_.empty()) return;
+
+    // What the processes reported lost, by cause: the log's own gaps.
+    std::size_t width = 13;  // "records lost"
+    for (const auto& entry : losses_) width = std::max(width, entry.first.size());
+    const auto cell = [&](std::uint64_t value, std::size_t columns) {
+        const std::string digits = std::to_string(value);
+        text.append(columns > digits.size() ? columns - digits.size() : 1, ' ').append(digits);
+    };
+    text += "records lost";
+    text.append(width - 12, ' ');
+    text += "  lock busy  ring full  too long  rate limited     total  bytes discarded\n";
+    for (const auto& [name, loss] : losses_) {
+        text += name;
+        text.append(width - name.size(), ' ');
+        cell(loss.lost[0], 11);
+        cell(loss.lost[1], 11);
+        cell(loss.lost[2], 10);
+        cell(loss.lost[3], 14);
+        cell(loss.Total(), 10);
+        cell(loss.discardedBytes, 17);
+        text += '\n';
+    }
 }
 
 }  // namespace PF::Utils::LOG::zmlog

@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "JsonFormat.h"
+#include "LossNotice.h"
 #include "VerboseFormat.h"
 #include "decode/ValueWidth.h"
 #include "log/Decode.h"
@@ -14,6 +15,7 @@ namespace {
 constexpr const char* kLevelColors[8] = {"\x1b[2m",  "\x1b[36m",   "\x1b[32m", "\x1b[33m",
                                          "\x1b[31m", "\x1b[1;31m", "\x1b[35m", ""};
 constexpr const char* kColorOff = "\x1b[0m";
+constexpr const char* kGapColor = "\x1b[1;7;31m";  // bold, red, reversed
 
 // Ends the record's text begun at start in out; a binary record's hex dump
 // already ends its line.
@@ -107,7 +109,10 @@ void RecordFormatter::AppendShort(WalkedRecord& r, std::string& out) {
     char head[512];
     const unsigned level = r.head.flags & 7U;
     const std::string& name = levels_[level];
-    const bool colored = color_ && kLevelColors[level][0] != '\0';
+    // A gap the log states about itself stands out on a terminal.
+    const bool gap = color_ && IsGapNotice(r);
+    const bool colored = color_ && !gap && kLevelColors[level][0] != '\0';
+    if (gap) out.append(kGapColor);
     if (!colored && r.program.size() + r.function.size() + name.size() + 64 <= sizeof head) {
         char* at = clock_.WritePlain(r.head.timeUs, head, micro_ ? 6 : 3);
         *at++ = ' ';
@@ -129,12 +134,17 @@ void RecordFormatter::AppendShort(WalkedRecord& r, std::string& out) {
         out.push_back('[');
         out.append(head, std::to_chars(head, head + 16, r.head.threadId).ptr);
         out.append("] ");
-        AppendLevel(level, out);
+        if (colored) {
+            AppendLevel(level, out);
+        } else {
+            out.append(name);
+        }
         out.push_back(' ');
         out.append(r.function);
         out.append(": ");
     }
     AppendTagAndContent(r, out);
+    if (gap) out.append(kColorOff);
     EndLine(out, start);
 }
 
