@@ -2,6 +2,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <time.h>
+
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -33,6 +36,26 @@ TEST_F(WriterTest, TextRecordFieldsAndOffsets) {
     EXPECT_GE(h.timeUs, before);
     EXPECT_LE(h.timeUs, detail::NowUs());
     EXPECT_EQ(bytes.substr(32), "Poll" + program + "net" + "up 42");
+}
+
+// Record times come from the time-stamp counter scaled by anchors on the
+// system clock, renewed every 100 ms: over several renewals each time still
+// lies between two readings of the system clock (give or take the scale's
+// error, far below this bound).
+TEST(RecordClock, FollowsTheSystemClockAcrossAnchorRenewals) {
+    auto systemUs = [] {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        return now.tv_sec * 1000000LL + now.tv_nsec / 1000;
+    };
+    const long long end = systemUs() + 350000;
+    long long worst = 0;
+    for (long long before = systemUs(); before < end; before = systemUs()) {
+        const long long t = detail::NowUs();
+        const long long after = systemUs();
+        worst = std::max({worst, before - t, t - after});
+    }
+    EXPECT_LE(worst, 20);
 }
 
 TEST_F(WriterTest, ProgramTagFunctionAndContentRules) {
@@ -73,11 +96,18 @@ TEST_F(WriterTest, RecordLengthLimit) {
     const unsigned fixed = 32 + 1 + static_cast<unsigned>(program.size()) + 1;
     std::string content(kMaxRecordLength - fixed, 'x');
     WriteLog<const char*>("t", content.c_str(), kInfo, "f", 0, 0, 0, std::string());
-    content.push_back('y');  // one byte over
+    content.push_back('y');  // one byte over: not written, counted, and said so
     WriteLog<const char*>("t", content.c_str(), kInfo, "f", 0, 0, 0, std::string());
+    WriteLog<const char*>("t", "next", kInfo, "f", 0, 0, 0, std::string());
     auto records = zmtest::WalkRecords(Drain());
-    ASSERT_EQ(records.size(), 1U);
+    ASSERT_EQ(records.size(), 3U);
     EXPECT_EQ(records[0].content.size(), kMaxRecordLength - fixed);
+    EXPECT_EQ(
+        records[1].content.rfind(
+            "lost 1 records: lock busy 0, ring full 0, too long 1, rate limited 0, since ", 0),
+        0U)
+        << records[1].content;
+    EXPECT_EQ(records[2].content, "next");
 }
 
 TEST(Writer, RingFullNoticeRecord) {

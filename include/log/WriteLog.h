@@ -44,12 +44,44 @@ inline unsigned int CurrentThreadId() noexcept {
     return id;
 }
 
+// The system clock in microseconds since the epoch (its nanoseconds divided
+// by 1000, truncated), read cheaply: where the system keeps its clock by the
+// processor's invariant time-stamp counter, the library reads that counter
+// itself and scales it by an anchor taken from the system clock at least
+// every 100 ms (src/writer/WallClock.cpp), instead of calling into the vDSO
+// for every record. Elsewhere, and until the first two anchors are taken,
+// it asks the system clock.
+// An anchor is rewritten while another is in use; a reader kept from running
+// for longer than an anchor lives may meet it half written, which its
+// sequence (odd while written, then one more) tells.
+struct ClockAnchor {
+    unsigned seq;
+    std::uint64_t tsc;         // the counter at the anchor
+    std::int64_t us;           // the system clock at the anchor
+    std::uint64_t usPerTick;   // Q32 fixed point
+    std::uint64_t validTicks;  // how long after the anchor it may be used
+};
+extern ClockAnchor gClockAnchors[2];
+extern unsigned gClockAnchor;  // the anchor in use; 2: none yet (or no invariant counter)
+std::int64_t SlowNowUs() noexcept;
+
 inline std::int64_t NowUs() noexcept {
-    // Truncated toward zero, like the nanosecond count it comes from.
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(
-               std::chrono::system_clock::now().time_since_epoch())
-               .count() /
-           1000;
+    const unsigned which = __atomic_load_n(&gClockAnchor, __ATOMIC_ACQUIRE);
+    if (__builtin_expect(which < 2, 1)) {
+        const ClockAnchor& a = gClockAnchors[which];
+        const unsigned seq = __atomic_load_n(&a.seq, __ATOMIC_ACQUIRE);
+        const std::uint64_t tsc = __atomic_load_n(&a.tsc, __ATOMIC_RELAXED);
+        const std::int64_t us = __atomic_load_n(&a.us, __ATOMIC_RELAXED);
+        const std::uint64_t usPerTick = __atomic_load_n(&a.usPerTick, __ATOMIC_RELAXED);
+        const std::uint64_t validTicks = __atomic_load_n(&a.validTicks, __ATOMIC_RELAXED);
+        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        const std::uint64_t ticks = __builtin_ia32_rdtsc() - tsc;
+        if (__builtin_expect(ticks < validTicks && (seq & 1) == 0 &&
+                                 __atomic_load_n(&a.seq, __ATOMIC_RELAXED) == seq,
+                             1))
+            return us + static_cast<std::int64_t>((ticks * usPerTick) >> 32);
+    }
+    return SlowNowUs();
 }
 
 // Why a record was not written; each is counted per process and reported
