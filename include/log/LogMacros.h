@@ -25,6 +25,7 @@
 
 #include <alloca.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -33,6 +34,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "log/FormatArg.h"
 #include "log/LogHead.h"
 #include "log/RingHead.h"
 #include "log/WriteLog.h"
@@ -62,46 +64,56 @@ inline void WriteText(unsigned char level, unsigned long component, const char* 
     WriteLog<std::string_view>(tag, text, level, function, 0, 0, component, std::string());
 }
 
-// Bytes of text a record can still carry once header and names are counted;
-// the formatted text is cut there so that an over-long message keeps its
-// beginning instead of being dropped as a whole.
-inline std::size_t TextBudget(const char* tag, const char* function) noexcept {
-    const std::size_t used = sizeof(LogHead) + std::strlen(OrEmpty(tag)) +
-                             std::strlen(OrEmpty(function)) +
-                             std::strlen(program_invocation_short_name);
-    return used < kMaxRecordLength ? kMaxRecordLength - used : 0;
-}
+// printf-style records: the arguments are taken typed (FormatArg), the text
+// formatted straight into the record by the library's own formatter. A
+// format it does not take (%n, %a, positional arguments, the L modifier)
+// goes to the C library's snprintf instead, so nothing prints differently.
+// False: the format was not taken, nothing was written.
+bool WriteFormattedRecord(unsigned char level, unsigned long component, const char* tag,
+                          const char* function, std::size_t functionLength, const char* fmt,
+                          const FormatArg* args, std::size_t count, unsigned long suppressed);
 
 // Formats into a 512-byte stack buffer; a longer text is formatted a second
-// time into an alloca'd buffer of its exact size, capped to the record
-// limit. Never touches the heap.
-__attribute__((format(printf, 5, 6))) inline void WriteFormatted(unsigned char level,
-                                                                 unsigned long component,
-                                                                 const char* tag,
-                                                                 const char* function,
-                                                                 const char* fmt, ...) {
-    if (fmt == nullptr) return;
+// time into an alloca'd buffer of its exact size, cut to what a record can
+// carry. Never touches the heap.
+template <class... A>
+void WriteFormattedByLibc(unsigned char level, unsigned long component, const char* tag,
+                          const char* function, unsigned long suppressed, const char* fmt,
+                          const A&... a) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
     char small[512];
-    va_list args;
-    va_start(args, fmt);
-    va_list again;
-    va_copy(again, args);
-    const int needed = std::vsnprintf(small, sizeof small, fmt, args);
-    va_end(args);
+    const int needed = std::snprintf(small, sizeof small, fmt, a...);
+    if (needed < 0) return;  // invalid conversion: nothing sensible to log
     const char* text = small;
     if (needed >= static_cast<int>(sizeof small)) {
-        std::size_t size = static_cast<std::size_t>(needed) + 1;
-        const std::size_t budget = TextBudget(tag, function);
-        if (size > budget + 1) size = budget + 1;
+        const std::size_t size =
+            std::min<std::size_t>(static_cast<std::size_t>(needed) + 1, kMaxRecordLength);
         // cppcheck-suppress allocaCalled ; never the heap on the binary path
         auto* large = static_cast<char*>(alloca(size));
-        std::vsnprintf(large, size, fmt, again);
+        std::snprintf(large, size, fmt, a...);
         text = large;
     }
-    va_end(again);
-    if (needed < 0) return;  // invalid conversion: nothing sensible to log
-    WriteText(level, component, tag, function, text);
+#pragma GCC diagnostic pop
+    const FormatArg args[] = {FormatArg(text)};
+    WriteFormattedRecord(level, component, tag, function, std::strlen(OrEmpty(function)), "%s",
+                         args, 1, suppressed);
 }
+
+template <class... A>
+void WriteFormatted(unsigned char level, unsigned long component, const char* tag,
+                    const char* function, std::size_t functionLength, unsigned long suppressed,
+                    const char* fmt, const A&... a) {
+    if (fmt == nullptr) return;
+    const FormatArg args[sizeof...(A) + 1] = {FormatArg(a)...};
+    if (!WriteFormattedRecord(level, component, tag, function, functionLength, fmt, args,
+                              sizeof...(A), suppressed))
+        WriteFormattedByLibc(level, component, tag, function, suppressed, fmt, a...);
+}
+
+// Only there for the compiler's check of a printf-style call; never called.
+__attribute__((format(printf, 1, 2))) inline void CheckFormat(const char*, ...) {}
 
 inline void WriteBytes(unsigned char level, const char* tag, const char* function, const void* data,
                        unsigned int length) {
@@ -139,12 +151,16 @@ void WriteValue(unsigned char level, const char* tag, const char* function, T va
         level, 0UL,                 \
         ::PF::Utils::LOG::detail::WriteText(zmlogLevel_, 0UL, (tag), __func__, (text)))
 
-// printf-style text at a given level; the format is checked by the compiler.
+// printf-style text at a given level; the format is checked by the compiler
+// (the call in the branch never taken). Async-signal-safe on the binary path
+// for the formats the library's formatter takes (see WriteFormatted).
 // Example: ZMLOG_LOG_F(PF::Utils::LOG::kInfo, "io", "card %d online", slot);
-#define ZMLOG_LOG_F(level, tag, ...) \
-    ZMLOG_IF_ENABLED_(               \
-        level, 0UL,                  \
-        ::PF::Utils::LOG::detail::WriteFormatted(zmlogLevel_, 0UL, (tag), __func__, __VA_ARGS__))
+#define ZMLOG_LOG_F(level, tag, ...)                                                            \
+    ZMLOG_IF_ENABLED_(level, 0UL, {                                                             \
+        if (false) ::PF::Utils::LOG::detail::CheckFormat(__VA_ARGS__);                          \
+        ::PF::Utils::LOG::detail::WriteFormatted(zmlogLevel_, 0UL, (tag), __func__,             \
+                                                 __builtin_strlen(__func__), 0UL, __VA_ARGS__); \
+    })
 
 // Text with a 64-bit component word: PF bits 0-15, RT 16-31, HC 32-47, HW 48-63.
 // It is written only when the word shares a bit with the configured mask;

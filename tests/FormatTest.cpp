@@ -1,0 +1,120 @@
+// The library's printf-style formatter writes exactly what snprintf writes:
+// a table of formats and arguments, each compared byte for byte; and the
+// formats it does not take are left to snprintf.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "writer/Formatter.h"
+
+using PF::Utils::LOG::detail::FormatArg;
+using PF::Utils::LOG::detail::FormatText;
+
+namespace {
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+#pragma GCC diagnostic ignored "-Wformat"
+template <class... A>
+std::string Libc(const char* fmt, A... a) {
+    const int n = std::snprintf(nullptr, 0, fmt, a...);
+    std::string text(static_cast<size_t>(n) + 1, '\0');
+    std::snprintf(text.data(), text.size(), fmt, a...);
+    text.resize(static_cast<size_t>(n));
+    return text;
+}
+#pragma GCC diagnostic pop
+
+// Ours against the C library's, also when the output is cut.
+template <class... A>
+void Same(const char* fmt, A... a) {
+    const FormatArg args[] = {FormatArg(a)..., FormatArg()};
+    const std::string expected = Libc(fmt, a...);
+    char text[2048];
+    const long n = FormatText(text, sizeof text, fmt, args, sizeof...(A));
+    ASSERT_EQ(std::string(text, static_cast<size_t>(std::max(0L, std::min(n, 2047L)))), expected)
+        << fmt;
+    ASSERT_EQ(n, static_cast<long>(expected.size())) << fmt;
+    char cut[5];
+    EXPECT_EQ(FormatText(cut, sizeof cut, fmt, args, sizeof...(A)), n) << fmt;
+    EXPECT_EQ(std::string(cut, std::min<size_t>(5, expected.size())), expected.substr(0, 5)) << fmt;
+}
+
+template <class... A>
+void NotTaken(const char* fmt, A... a) {
+    const FormatArg args[] = {FormatArg(a)..., FormatArg()};
+    char text[64];
+    EXPECT_EQ(FormatText(text, sizeof text, fmt, args, sizeof...(A)), -1) << fmt;
+}
+
+}  // namespace
+
+TEST(Format, IntegersEveryConversionFlagWidthPrecisionAndLength) {
+    for (const char* f :
+         {"%d",    "%i",       "%5d",   "%-5d|", "%05d",   "%+d",  "% d",    "%.3d",
+          "%8.3d", "%-+8.3d|", "%0+8d", "%.0d",  "%u",     "%x",   "%X",     "%#x",
+          "%#X",   "%o",       "%#o",   "%#.0o", "%#8.4x", "%08x", "%-#8o|", "%+.0d",
+          "% 05d", "%hhd",     "%hhu",  "%hd",   "%hu",    "%hhx", "%ho"}) {
+        for (int v : {0, 1, -1, 42, -42, 255, 256, 65535, -65536, INT_MAX, INT_MIN}) Same(f, v);
+    }
+    for (const char* f :
+         {"%ld", "%lld", "%lu", "%llx", "%zu", "%zd", "%jd", "%td", "%#lo", "%20lld"}) {
+        for (long long v : {0LL, -1LL, LLONG_MIN, LLONG_MAX, 1234567890123LL}) Same(f, v);
+    }
+    Same("%*d|%-*d|%*d", 6, 42, 6, 42, -6, 42);  // a negative width means '-'
+    Same("%.*d|%.*d", 4, 7, -1, 7);              // a negative precision means none
+    Same("%hhd %hd", 300, 70000);                // narrowed as printf reads them
+    Same("%u %x", static_cast<unsigned char>(200), static_cast<unsigned short>(60000));
+}
+
+TEST(Format, TextCharactersPointersAndPercent) {
+    const char* null = nullptr;
+    for (const char* f :
+         {"%s", "%10s|", "%-10s|", "%.2s", "%10.3s|", "%.0s", "%.6s", "%.5s", "%010s"})
+        for (const char* s : {"", "eth0", "link up on eth0", null}) Same(f, s);
+    for (const char* f : {"%c", "%5c|", "%-5c|"})
+        for (int c : {65, 32, 255}) Same(f, c);
+    int x = 0;
+    Same("%p %20p|%-20p|", static_cast<void*>(&x), static_cast<void*>(&x), static_cast<void*>(&x));
+    Same("%p %10p|", static_cast<void*>(nullptr), static_cast<void*>(nullptr));
+    Same("100%% of %d%%", 5);
+    Same("link %d up on %s", 3, "eth0");
+    Same("");
+}
+
+TEST(Format, FloatingValuesAsPrintfRoundsThem) {
+    const double values[] = {0.0,       -0.0,       1.0,           -1.5,        0.125, 2.5,
+                             1e-5,      123456.789, 1e21,          9.999999e-5, 0.1,   1.0 / 3,
+                             DBL_MAX,   DBL_MIN,    5e-324,        NAN,         -NAN,  INFINITY,
+                             -INFINITY, 99999.95,   0.000099999995};
+    for (const char* f : {"%f",        "%F",    "%e",      "%E",       "%g",   "%G",    "%.0f",
+                          "%.0e",      "%.0g",  "%#.0f",   "%#.0e",    "%#g",  "%#.3g", "%.2f",
+                          "%.10e",     "%.17g", "%10.3f|", "%-12.3e|", "%+f",  "% e",   "%015.4f",
+                          "%-015.4f|", "%012g", "%+.3G",   "%.40f",    "%12f|"}) {
+        for (double v : values) Same(f, v);
+    }
+    Same("temp %.2f C", 21.456F);  // a float is passed as a double
+}
+
+TEST(Format, FormatsItDoesNotTakeAreLeftToTheCLibrary) {
+    int n = 0;
+    NotTaken("%n", &n);
+    NotTaken("%a", 1.0);
+    NotTaken("%1$d", 1);
+    NotTaken("%Lf", 1.0L);
+    NotTaken("%ls", L"x");
+    NotTaken("%'d", 1000);
+    NotTaken("%5%");
+    NotTaken("%d");       // an argument missing
+    NotTaken("%d", 1.5);  // the wrong type
+    NotTaken("%+p", &n);
+    NotTaken("%.2000f", 1.0);   // longer than the formatter's buffer
+    NotTaken("%#g", 999999.5);  // rounds up to 1e+06, which the C library prints as "1.e+06"
+}
