@@ -32,7 +32,9 @@ as_runtime() { (exec -a ZMRuntime "$@"); }
 echo "# $(date -u +%Y-%m-%d) on $(nproc) cores: $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //')"
 echo
 echo "## Per-call latency (1,000,000 calls, rdtsc, timer included)"
-for mode in text int printf filtered; do as_runtime "$build/bench/LatencyDriver" "$mode"; done
+for mode in text int printf snprintf float snprintf-float hex snprintf-hex filtered; do
+  as_runtime "$build/bench/LatencyDriver" "$mode"
+done
 echo "### Two processes writing at once"
 as_runtime "$build/bench/LatencyDriver" text --processes 2
 echo "### Reference: spdlog async logger, same event, file sink"
