@@ -1,5 +1,8 @@
 // The logging macros against a ring owned by this process: the filters run
 // before any argument, and passing calls lay out the record the decoder expects.
+#include <unistd.h>
+
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -39,6 +42,8 @@ TEST_F(MacrosTest, FilteredOutCallsEvaluateNoArgument) {
         ZMLOG_LOG_C(level, component, arg("tag"), arg("text"));
         ZMLOG_BINARY(level, arg("tag"), arg("text"), 4);
         ZMLOG_VALUE(level, arg("tag"), arg(42));
+        ZMLOG_LOG_EVERY_N(level, 1, arg("tag"), "%d", arg(42));
+        ZMLOG_LOG_LIMIT(level, 0, arg("tag"), "%d", arg(42));
     };
 
     RingHead::instance = nullptr;
@@ -60,11 +65,11 @@ TEST_F(MacrosTest, FilteredOutCallsEvaluateNoArgument) {
     // component 0 always passes, and the stored word keeps its low 32 bits.
     logEveryKind(kWarn, 0);
     ZMLOG_WARN_C(0x0001'0000'0000'0005UL, arg("tag"), arg("shares a bit"));
-    EXPECT_EQ(evaluated, 12);
+    EXPECT_EQ(evaluated, 16);
     auto records = zmtest::WalkRecords(Drain());
-    ASSERT_EQ(records.size(), 6U);
-    EXPECT_EQ(records[5].content, "shares a bit");
-    EXPECT_EQ(records[5].head.component, 5U);
+    ASSERT_EQ(records.size(), 8U);
+    EXPECT_EQ(records[7].content, "shares a bit");
+    EXPECT_EQ(records[7].head.component, 5U);
 }
 
 TEST_F(MacrosTest, PassingRecordsCarryLevelTagTextAndCallerName) {
@@ -91,6 +96,48 @@ TEST_F(MacrosTest, PassingRecordsCarryLevelTagTextAndCallerName) {
     EXPECT_EQ(32 + cut.function.size() + cut.program.size() + cut.tag.size() + cut.content.size(),
               kMaxRecordLength);
     EXPECT_EQ(cut.content, texts[2].substr(0, cut.content.size()));
+}
+
+// Each record of a limited site states how many calls it passed over since
+// the site's last record: the suppressed counts and the records add up to
+// the calls, and (the interval's site) its records lie an interval apart.
+TEST_F(MacrosTest, LimitedSitesWriteSomeCallsAndCountTheRest) {
+    auto checkSite = [&](const char* site, int calls, long intervalUs) {
+        int expectedNext = 0;
+        long long lastUs = 0;
+        int records = 0;
+        for (const auto& r : zmtest::WalkRecords(Drain())) {
+            int call = -1;
+            unsigned long suppressed = 0;
+            EXPECT_GE(
+                std::sscanf(r.content.c_str(), "call %d (%lu suppressed)", &call, &suppressed), 1)
+                << r.content;
+            EXPECT_EQ(r.tag, site);
+            EXPECT_EQ(r.function, "TestBody");
+            EXPECT_EQ(suppressed, static_cast<unsigned long>(call - expectedNext)) << r.content;
+            if (records++ > 0) {
+                EXPECT_GE(r.head.timeUs - lastUs, intervalUs - 1000) << r.content;
+            }
+            expectedNext = call + 1;
+            lastUs = r.head.timeUs;
+        }
+        EXPECT_LE(expectedNext, calls);
+        return records;
+    };
+
+    for (int call = 0; call < 10; ++call) ZMLOG_INFO_EVERY_N(4, "every", "call %d", call);
+    EXPECT_EQ(checkSite("every", 10, 0), 3) << "calls 0, 4 and 8";
+
+    // A site passes calls over within its interval, and writes the first
+    // call after it with their count; the last call comes after a pause.
+    int calls = 0;
+    const long long end = detail::NowUs() + 120000;
+    for (; detail::NowUs() < end; ++calls) ZMLOG_WARN_LIMIT(30, "limit", "call %d", calls);
+    usleep(31000);
+    ZMLOG_WARN_LIMIT(30, "limit", "call %d", calls);
+    const int written = checkSite("limit", calls + 1, 30000);
+    EXPECT_GE(written, 3);
+    EXPECT_LE(written, 6);
 }
 
 TEST_F(MacrosTest, TypedValuesAndBinaryKeepTheirBytes) {

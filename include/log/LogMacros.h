@@ -14,7 +14,12 @@
 //   ZMLOG_LEVEL(tag, text)                  text
 //   ZMLOG_LEVEL_F(tag, fmt, ...)            printf-style text
 //   ZMLOG_LEVEL_C(component, tag, text)     text with a component word
-//   ZMLOG_LOG / ZMLOG_LOG_F / ZMLOG_LOG_C   the same with the level as argument
+//   ZMLOG_LEVEL_EVERY_N(n, tag, fmt, ...)   printf-style, every n-th call of
+//                                           this call site only
+//   ZMLOG_LEVEL_LIMIT(ms, tag, fmt, ...)    printf-style, at most one record
+//                                           of this call site per ms
+//   ZMLOG_LOG / ZMLOG_LOG_F / ZMLOG_LOG_C /
+//   ZMLOG_LOG_EVERY_N / ZMLOG_LOG_LIMIT     the same with the level as argument
 //   ZMLOG_BINARY(level, tag, data, len)     raw bytes, shown as a hex dump
 //   ZMLOG_VALUE(level, tag, value)          one arithmetic value, rendered by
 //                                           the decoder
@@ -26,6 +31,7 @@
 #include <alloca.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -112,6 +118,45 @@ void WriteFormatted(unsigned char level, unsigned long component, const char* ta
         WriteFormattedByLibc(level, component, tag, function, suppressed, fmt, a...);
 }
 
+// A call site that writes only some of its calls. One per macro expansion,
+// a static with constant initialisation: no guard, no lock, no heap. Calls
+// are counted once they pass the filters; a call passed over evaluates no
+// argument after the format; each record written after calls were passed
+// over ends in " (N suppressed)" with their number.
+struct EveryNSite {
+    std::atomic<unsigned long> calls{0};
+};
+struct LimitSite {
+    std::atomic<std::int64_t> nextUs{INT64_MIN};
+    std::atomic<unsigned long> suppressed{0};
+};
+
+// The 1st, (n+1)-th, (2n+1)-th ... call writes (n below 1 counts as 1).
+inline bool TakeEveryN(EveryNSite& site, unsigned long n, unsigned long& suppressed) noexcept {
+    if (n == 0) n = 1;
+    const unsigned long call = site.calls.fetch_add(1, std::memory_order_relaxed);
+    if (call % n != 0) return false;
+    suppressed = call == 0 ? 0 : n - 1;
+    return true;
+}
+
+// A call writes when the site's interval since its last record has passed,
+// or when the system clock was set back by more than an interval (the site
+// would otherwise stay silent until the clock caught up).
+inline bool TakeLimit(LimitSite& site, long ms, unsigned long& suppressed) noexcept {
+    const std::int64_t intervalUs = ms > 0 ? static_cast<std::int64_t>(ms) * 1000 : 0;
+    const std::int64_t now = NowUs();
+    std::int64_t next = site.nextUs.load(std::memory_order_relaxed);
+    const bool due = now >= next || next - now > intervalUs;
+    if (!due ||
+        !site.nextUs.compare_exchange_strong(next, now + intervalUs, std::memory_order_relaxed)) {
+        site.suppressed.fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
+    suppressed = site.suppressed.exchange(0, std::memory_order_relaxed);
+    return true;
+}
+
 // Only there for the compiler's check of a printf-style call; never called.
 __attribute__((format(printf, 1, 2))) inline void CheckFormat(const char*, ...) {}
 
@@ -160,6 +205,37 @@ void WriteValue(unsigned char level, const char* tag, const char* function, T va
         if (false) ::PF::Utils::LOG::detail::CheckFormat(__VA_ARGS__);                          \
         ::PF::Utils::LOG::detail::WriteFormatted(zmlogLevel_, 0UL, (tag), __func__,             \
                                                  __builtin_strlen(__func__), 0UL, __VA_ARGS__); \
+    })
+
+// printf-style text from a call site that writes only its 1st, (n+1)-th,
+// (2n+1)-th ... call; n is read on every call.
+// Example: ZMLOG_LOG_EVERY_N(PF::Utils::LOG::kDebug, 1000, "sched", "cycle %lu", cycle);
+#define ZMLOG_LOG_EVERY_N(level, n, tag, ...)                                                      \
+    ZMLOG_IF_ENABLED_(level, 0UL, {                                                                \
+        if (false) ::PF::Utils::LOG::detail::CheckFormat(__VA_ARGS__);                             \
+        static ::PF::Utils::LOG::detail::EveryNSite zmlogSite_;                                    \
+        unsigned long zmlogSuppressed_ = 0;                                                        \
+        if (::PF::Utils::LOG::detail::TakeEveryN(zmlogSite_, static_cast<unsigned long>(n),        \
+                                                 zmlogSuppressed_))                                \
+            ::PF::Utils::LOG::detail::WriteFormatted(zmlogLevel_, 0UL, (tag), __func__,            \
+                                                     __builtin_strlen(__func__), zmlogSuppressed_, \
+                                                     __VA_ARGS__);                                 \
+    })
+
+// printf-style text from a call site that writes at most one record per
+// interval of ms milliseconds (record time); the calls in between are
+// passed over and counted.
+// Example: ZMLOG_LOG_LIMIT(PF::Utils::LOG::kWarn, 1000, "io", "card %d not answering", slot);
+#define ZMLOG_LOG_LIMIT(level, ms, tag, ...)                                                       \
+    ZMLOG_IF_ENABLED_(level, 0UL, {                                                                \
+        if (false) ::PF::Utils::LOG::detail::CheckFormat(__VA_ARGS__);                             \
+        static ::PF::Utils::LOG::detail::LimitSite zmlogSite_;                                     \
+        unsigned long zmlogSuppressed_ = 0;                                                        \
+        if (::PF::Utils::LOG::detail::TakeLimit(zmlogSite_, static_cast<long>(ms),                 \
+                                                zmlogSuppressed_))                                 \
+            ::PF::Utils::LOG::detail::WriteFormatted(zmlogLevel_, 0UL, (tag), __func__,            \
+                                                     __builtin_strlen(__func__), zmlogSuppressed_, \
+                                                     __VA_ARGS__);                                 \
     })
 
 // Text with a 64-bit component word: PF bits 0-15, RT 16-31, HC 32-47, HW 48-63.
@@ -222,6 +298,39 @@ void WriteValue(unsigned char level, const char* tag, const char* function, T va
 #define ZMLOG_ERROR_F(tag, ...) ZMLOG_LOG_F(::PF::Utils::LOG::kError, tag, __VA_ARGS__)
 #define ZMLOG_FATAL_F(tag, ...) ZMLOG_LOG_F(::PF::Utils::LOG::kFatal, tag, __VA_ARGS__)
 #define ZMLOG_RECORD_F(tag, ...) ZMLOG_LOG_F(::PF::Utils::LOG::kRecord, tag, __VA_ARGS__)
+
+// Per-level printf-style text from call sites that write only some calls.
+// Examples:
+//   ZMLOG_DEBUG_EVERY_N(1000, "sched", "cycle %lu took %d us", cycle, us);
+//   ZMLOG_WARN_LIMIT(1000, "io", "card %d not answering", slot);
+#define ZMLOG_TRACE_EVERY_N(n, tag, ...) \
+    ZMLOG_LOG_EVERY_N(::PF::Utils::LOG::kTrace, n, tag, __VA_ARGS__)
+#define ZMLOG_DEBUG_EVERY_N(n, tag, ...) \
+    ZMLOG_LOG_EVERY_N(::PF::Utils::LOG::kDebug, n, tag, __VA_ARGS__)
+#define ZMLOG_INFO_EVERY_N(n, tag, ...) \
+    ZMLOG_LOG_EVERY_N(::PF::Utils::LOG::kInfo, n, tag, __VA_ARGS__)
+#define ZMLOG_WARN_EVERY_N(n, tag, ...) \
+    ZMLOG_LOG_EVERY_N(::PF::Utils::LOG::kWarn, n, tag, __VA_ARGS__)
+#define ZMLOG_ERROR_EVERY_N(n, tag, ...) \
+    ZMLOG_LOG_EVERY_N(::PF::Utils::LOG::kError, n, tag, __VA_ARGS__)
+#define ZMLOG_FATAL_EVERY_N(n, tag, ...) \
+    ZMLOG_LOG_EVERY_N(::PF::Utils::LOG::kFatal, n, tag, __VA_ARGS__)
+#define ZMLOG_RECORD_EVERY_N(n, tag, ...) \
+    ZMLOG_LOG_EVERY_N(::PF::Utils::LOG::kRecord, n, tag, __VA_ARGS__)
+#define ZMLOG_TRACE_LIMIT(ms, tag, ...) \
+    ZMLOG_LOG_LIMIT(::PF::Utils::LOG::kTrace, ms, tag, __VA_ARGS__)
+#define ZMLOG_DEBUG_LIMIT(ms, tag, ...) \
+    ZMLOG_LOG_LIMIT(::PF::Utils::LOG::kDebug, ms, tag, __VA_ARGS__)
+#define ZMLOG_INFO_LIMIT(ms, tag, ...) \
+    ZMLOG_LOG_LIMIT(::PF::Utils::LOG::kInfo, ms, tag, __VA_ARGS__)
+#define ZMLOG_WARN_LIMIT(ms, tag, ...) \
+    ZMLOG_LOG_LIMIT(::PF::Utils::LOG::kWarn, ms, tag, __VA_ARGS__)
+#define ZMLOG_ERROR_LIMIT(ms, tag, ...) \
+    ZMLOG_LOG_LIMIT(::PF::Utils::LOG::kError, ms, tag, __VA_ARGS__)
+#define ZMLOG_FATAL_LIMIT(ms, tag, ...) \
+    ZMLOG_LOG_LIMIT(::PF::Utils::LOG::kFatal, ms, tag, __VA_ARGS__)
+#define ZMLOG_RECORD_LIMIT(ms, tag, ...) \
+    ZMLOG_LOG_LIMIT(::PF::Utils::LOG::kRecord, ms, tag, __VA_ARGS__)
 
 // Per-level text with a component word. Examples:
 //   ZMLOG_TRACE_C(0x1UL, "pf", "scan start");
