@@ -61,6 +61,7 @@ class RingHead {
     static void Retire(const void* base);
     // A ring mapped at base again takes records again.
     static void Unretire(const void* base);
+    bool Retired() const { return this == sRetired; }
     // Called, with the lock held, when a record found the ring full and its
     // unread bytes were thrown away: the writer puts notices in first.
     static void (*sOnEmptied)(RingHead* ring, unsigned discardedBytes);

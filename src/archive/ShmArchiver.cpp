@@ -16,6 +16,7 @@
 #include "archive/LogFileHelpers.h"
 #include "archive/ThreadManager.h"
 #include "common/Immortal.h"
+#include "config/SharedAccess.h"
 #include "lifecycle/LogStateManager.h"
 #include "log/ConfManager.h"
 #include "log/Control.h"
@@ -104,6 +105,7 @@ bool ShmArchiver::init() {
         SetBaseLogDir(dir);
     }
     CheckAndCreateDirectory(dir);
+    detail::Restrict(dir, 0750);
     {
         std::lock_guard<std::mutex> lock(gPathMutex);
         filePath_ = IsUPEnvironment() ? dir + "/" + programName_ + ".log" : dir + "/RUNTIME.data";
@@ -183,13 +185,19 @@ void ShmArchiver::WriteBlock(unsigned n) {
     }
 }
 
+FILE* ShmArchiver::OpenOutput(const std::string& path) {
+    FILE* file = std::fopen(path.c_str(), "ab");
+    if (file != nullptr) detail::Restrict(fileno(file), 0640);
+    return file;
+}
+
 void ShmArchiver::Roll(unsigned n, int& rollIndex, unsigned long& currentSize, int& tick) {
     const std::string path = OutputPath();
     CloseFile(file_);
     ++rollIndex;
     for (int attemptsLeft = kRollAttempts; attemptsLeft > 0;) {
         RollFile(path, rollIndex, maxRollNumber_);
-        file_ = std::fopen(path.c_str(), "ab");
+        file_ = OpenOutput(path);
         if (!StatSize(path, currentSize)) {
             currentSize = 0;
             break;
@@ -214,7 +222,7 @@ bool ShmArchiver::HandleVanishedFile(unsigned long& currentSize, int& tick) {
         return true;
     }
     const std::string path = OutputPath();
-    file_ = std::fopen(path.c_str(), "ab");
+    file_ = OpenOutput(path);
     tick = 0;
     if (!StatSize(path, currentSize)) {
         currentSize = 0;
@@ -252,7 +260,7 @@ int ShmArchiver::WriteBinaryFile() {
         return 0;
     }
     const std::string startPath = OutputPath();
-    file_ = std::fopen(startPath.c_str(), "ab");
+    file_ = OpenOutput(startPath);
     if (file_ == nullptr) {
         Report("file open fail");
         return 1;
@@ -276,7 +284,10 @@ int ShmArchiver::WriteBinaryFile() {
         // this thread still runs.
         RingHead* ring = __atomic_load_n(&RingHead::instance, __ATOMIC_ACQUIRE);
         if (ring == nullptr) continue;
-        const unsigned n = ring->Dequeue(readBuffer_, READ_BUFFER_LENGTH);
+        // The shared ring is drained through its guard, which also mends it;
+        // a private ring is this process's own memory.
+        const unsigned n = IsUPEnvironment() ? ring->Dequeue(readBuffer_, READ_BUFFER_LENGTH)
+                                             : guard_.Drain(ring, readBuffer_, READ_BUFFER_LENGTH);
         if (n == 0) continue;
         if (n > READ_BUFFER_LENGTH) {
             Report("Dequeue size greater READ_BUFFER_LENGTH");

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "transport/RingGuard.h"
 #include "transport/RingSalvage.h"
 
 namespace PF::Utils::LOG {
@@ -58,6 +59,8 @@ class ShmArchiver {
     static std::shared_ptr<ShmArchiver>& sShmArch;
 
   private:
+    // The output file for appending, with the installation's access.
+    static FILE* OpenOutput(const std::string& path);
     // Thread body steps. Archive: one block of n bytes in the read buffer
     // into the file, rolled first when it would pass the limit; true when
     // the thread must end.
@@ -79,6 +82,7 @@ class ShmArchiver {
     std::thread thread_;
     int bindCpu_ = -1;
     std::vector<std::vector<char>> salvage_;
+    RingGuard guard_;  // the shared ring's: seen and mended every tick
 };
 
 }  // namespace PF::Utils::LOG

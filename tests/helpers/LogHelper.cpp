@@ -23,8 +23,8 @@
 //   hold-lock, release-lock  takes "/WriteLOG" and keeps it, gives it back:
 //                         "locked", "unlocked"
 //   sleep=<ms>            "slept"
-//   repair                watches "/WriteLOG" for 20 ms: "free" when it was
-//                         ever free, else ResetShm: "reset <result> at <us>"
+//   lock-free=<ms>        waits up to ms for "/WriteLOG" to be seen free:
+//                         "free after <n> ms", else "taken"
 //   stream=<p>,<threads>,<rate>,<min>,<max>,<count>[,burst]  the stress
 //                         stream of support/StressStream.h; count 0: until a
 //                         line on stdin; burst: "burst done", then one record
@@ -267,17 +267,18 @@ bool RunStep(const std::string& role, const std::string& step) {
     } else if (name == "sleep") {
         std::this_thread::sleep_for(std::chrono::milliseconds(arg(0)));
         Say("slept");
-    } else if (name == "repair") {
-        // A live holder keeps the lock for microseconds: 20 ms without ever
-        // seeing it free means its holder is dead.
-        if (WaitFor([] { return GetWriteSemStatus() > 0; }, 20)) {
-            Say("free");
+    } else if (name == "lock-free") {
+        // A live holder keeps the lock for microseconds; one that died with
+        // it leaves it taken until the runtime repairs the ring.
+        const auto start = std::chrono::steady_clock::now();
+        if (WaitFor([] { return GetWriteSemStatus() > 0; }, arg(0))) {
+            Say("free after " +
+                std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   std::chrono::steady_clock::now() - start)
+                                   .count()) +
+                " ms");
         } else {
-            const bool reset = ResetShm();
-            const long long now = std::chrono::duration_cast<std::chrono::microseconds>(
-                                      std::chrono::system_clock::now().time_since_epoch())
-                                      .count();
-            Say("reset " + std::to_string(reset) + " at " + std::to_string(now));
+            Say("taken");
         }
     } else if (name == "stream") {
         Stream({static_cast<unsigned>(arg(0)), static_cast<unsigned>(arg(1, 1)),
