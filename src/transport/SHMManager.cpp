@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "config/SharedAccess.h"
 #include "transport/RingRegion.h"
 
 namespace PF::Utils::LOG {
@@ -18,7 +19,10 @@ constexpr const char* kShmName = "ZMLOG";
 MemoryInfo SHMManager::shmInfo = {nullptr, -1, 0};
 
 bool SHMManager::OpenSHM(bool create) {
-    shmInfo.descriptor = shm_open(kShmName, create ? (O_CREAT | O_RDWR) : O_RDWR, 0666);
+    const bool restricted = create && detail::CurrentSharedAccess().restricted;
+    shmInfo.descriptor =
+        shm_open(kShmName, create ? (O_CREAT | O_RDWR) : O_RDWR, restricted ? 0660 : 0666);
+    if (restricted) detail::Restrict(shmInfo.descriptor, 0660);
     return shmInfo.descriptor != -1;
 }
 

@@ -6,12 +6,15 @@
 #include <cerrno>
 #include <utility>
 
+#include "config/SharedAccess.h"
+
 namespace PF::Utils::LOG {
 
 namespace {
 constexpr const char* kWriteSemName = "/WriteLOG";
 constexpr const char* kReadSemName = "/ReadLOG";
 constexpr const char* kWriteSemFile = "/dev/shm/sem.WriteLOG";
+constexpr const char* kReadSemFile = "/dev/shm/sem.ReadLOG";
 constexpr long kNsPerSecond = 1000000000L;
 // Attempts with sem_trywait before sleeping in the kernel: a holder keeps the
 // lock for one copy, usually well under a microsecond, and waking a sleeper
@@ -78,12 +81,15 @@ timespec DeadlineAfter(const timespec& now, long addNs) {
 }
 
 bool SemManager::Create(unsigned initial) {
+    const mode_t mode = detail::CurrentSharedAccess().restricted ? 0660 : 0644;
     RetireHandles(sem, readsem);
     sem_unlink(kWriteSemName);
-    sem = OrNull(sem_open(kWriteSemName, O_CREAT | O_EXCL, 0644, initial));
+    sem = OrNull(sem_open(kWriteSemName, O_CREAT | O_EXCL, mode, initial));
     if (sem == nullptr) return false;
+    detail::Restrict(kWriteSemFile, 0660);
     sem_unlink(kReadSemName);
-    readsem = OrNull(sem_open(kReadSemName, O_CREAT | O_EXCL, 0644, 1));
+    readsem = OrNull(sem_open(kReadSemName, O_CREAT | O_EXCL, mode, 1));
+    detail::Restrict(kReadSemFile, 0660);
     return readsem != nullptr;
 }
 
