@@ -1,5 +1,7 @@
 #include "support/Fixtures.h"
 
+#include "decode/RecordWalker.h"
+
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -78,10 +80,16 @@ DecodedLog::DecodedLog(const std::string& dataFile, long from) {
     for (const std::string& file : files) {
         std::string plain = Unscramble(ReadFile(file));
         if (file == dataFile) plain.erase(0, static_cast<size_t>(from));
-        size_t consumed = 0;
-        for (Record& r : WalkRecords(plain, &consumed)) records.push_back(std::move(r));
+        // As the readers of the log walk it: damaged bytes are skipped.
+        PF::Utils::LOG::RecordWalker walker;
+        const auto keep = [this](PF::Utils::LOG::WalkedRecord& w) {
+            records.push_back({w.head, std::string(w.function), std::string(w.program),
+                               std::string(w.tag), std::string(w.content)});
+        };
+        walker.Feed(plain.data(), plain.size(), keep);
+        walker.Finish(keep);
         bytes += plain.size();
-        damagedBytes += plain.size() - consumed;
+        damagedBytes += walker.SkippedBytes();
     }
 }
 

@@ -277,4 +277,9 @@ GlobalNamesLock::~GlobalNamesLock() {
     if (fd_ >= 0) close(fd_);
 }
 
+void Figure(const std::string& text) {
+    std::printf("[ figures  ] %s\n", text.c_str());
+    std::fflush(stdout);
+}
+
 }  // namespace zmtest

@@ -72,6 +72,8 @@ bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds time
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes, bool append = false);
 bool Exists(const std::string& path);
+// A measured figure, printed as "[ figures  ] text" beside the test's output.
+void Figure(const std::string& text);
 long FileSize(const std::string& path);  // -1 when missing
 // Captures what fn writes to fd 1 or 2 (through dup2).
 std::string CaptureFd(int fd, const std::function<void()>& fn);
