@@ -13,7 +13,7 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${FUZZ_BUILD_DIR:-$root/build-fuzz}"
 seconds="${FUZZ_SECONDS:-30}"
 
-targets=(ZmlogReaderFuzz ReadCFGFileFuzz ParseLoglineFuzz ParseLogContentFuzz HexDumpFuzz FormatFuzz)
+targets=(ZmlogReaderFuzz ReadCFGFileFuzz ParseLoglineFuzz ParseLogContentFuzz HexDumpFuzz FormatFuzz RingFuzz)
 declare -A maxLen=([ZmlogReaderFuzz]=16384 [ParseLoglineFuzz]=8192)
 declare -A dict=([ZmlogReaderFuzz]=programs.dict [ParseLoglineFuzz]=programs.dict
                  [ReadCFGFileFuzz]=config.dict)
