@@ -47,9 +47,21 @@ class MemoryFile {
     std::string path_;
 };
 
-const std::set<std::string> kKeys = {
-    "logLevel",   "logActive",         "PFMask",         "RTMask",    "HCMask", "HWMask", "console",
-    "OutputMode", "maxFileRollNumber", "readerInterval", "writeMode", "program"};
+const std::set<std::string> kKeys = {"logLevel",
+                                     "logActive",
+                                     "PFMask",
+                                     "RTMask",
+                                     "HCMask",
+                                     "HWMask",
+                                     "console",
+                                     "OutputMode",
+                                     "maxFileRollNumber",
+                                     "readerInterval",
+                                     "writeMode",
+                                     "program",
+                                     "rateLimitBurst",
+                                     "rateLimitIntervalMs",
+                                     "shmGroup"};
 
 void CheckEntries(const std::map<std::string, std::string>& mp) {
     for (const auto& [key, value] : mp) {

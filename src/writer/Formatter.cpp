@@ -30,7 +30,7 @@ class Output {
     std::size_t len_ = 0;
 };
 
-struct Spec {
+struct Conversion {
     bool left = false, plus = false, space = false, alternate = false, zero = false;
     long width = 0;
     long precision = -1;  // none
@@ -40,32 +40,32 @@ struct Spec {
 
 // sign, prefix and body, padded to the width: zeros between prefix and body
 // when zeroPad, blanks on the left (or right, with '-') otherwise.
-void Emit(Output& out, const Spec& spec, std::string_view sign, std::string_view prefix,
+void Emit(Output& out, const Conversion& conv, std::string_view sign, std::string_view prefix,
           std::size_t zeros, std::string_view body, bool zeroPad) {
     const std::size_t size = sign.size() + prefix.size() + zeros + body.size();
-    const std::size_t pad = spec.width > 0 && static_cast<std::size_t>(spec.width) > size
-                                ? static_cast<std::size_t>(spec.width) - size
+    const std::size_t pad = conv.width > 0 && static_cast<std::size_t>(conv.width) > size
+                                ? static_cast<std::size_t>(conv.width) - size
                                 : 0;
-    if (!spec.left && !zeroPad) out.Fill(' ', pad);
+    if (!conv.left && !zeroPad) out.Fill(' ', pad);
     out.Put(sign.data(), sign.size());
     out.Put(prefix.data(), prefix.size());
-    out.Fill('0', zeros + (!spec.left && zeroPad ? pad : 0));
+    out.Fill('0', zeros + (!conv.left && zeroPad ? pad : 0));
     out.Put(body.data(), body.size());
-    if (spec.left) out.Fill(' ', pad);
+    if (conv.left) out.Fill(' ', pad);
 }
 
 // The value as printf reads it for the length modifier (the bits of what
 // was passed, as for a va_list).
-unsigned long long Narrow(const FormatArg& a, const Spec& s, bool isSigned) {
+unsigned long long Narrow(const FormatArg& a, const Conversion& s, bool isSigned) {
     const unsigned long long u = a.u;
     switch (s.length) {
-        case Spec::kChar:
+        case Conversion::kChar:
             return isSigned ? static_cast<unsigned long long>(static_cast<signed char>(u))
                             : static_cast<unsigned char>(u);
-        case Spec::kShort:
+        case Conversion::kShort:
             return isSigned ? static_cast<unsigned long long>(static_cast<short>(u))
                             : static_cast<unsigned short>(u);
-        case Spec::kInt:
+        case Conversion::kInt:
             return isSigned ? static_cast<unsigned long long>(static_cast<int>(u))
                             : static_cast<unsigned>(u);
         default:  // 64 bits on this platform
@@ -73,7 +73,7 @@ unsigned long long Narrow(const FormatArg& a, const Spec& s, bool isSigned) {
     }
 }
 
-bool Integer(Output& out, const Spec& s, const FormatArg& a) {
+bool Integer(Output& out, const Conversion& s, const FormatArg& a) {
     if (a.kind != FormatArg::kSigned && a.kind != FormatArg::kUnsigned) return false;
     const bool isSigned = s.conversion == 'd' || s.conversion == 'i';
     unsigned long long value = Narrow(a, s, isSigned);
@@ -106,16 +106,16 @@ bool Integer(Output& out, const Spec& s, const FormatArg& a) {
     return true;
 }
 
-bool Char(Output& out, const Spec& s, const FormatArg& a) {
+bool Char(Output& out, const Conversion& s, const FormatArg& a) {
     if (a.kind != FormatArg::kSigned && a.kind != FormatArg::kUnsigned) return false;
-    if (s.length != Spec::kInt) return false;  // %lc: a wide character
+    if (s.length != Conversion::kInt) return false;  // %lc: a wide character
     const char c = static_cast<char>(static_cast<unsigned char>(a.u));
     Emit(out, s, {}, {}, 0, std::string_view(&c, 1), false);
     return true;
 }
 
-bool String(Output& out, const Spec& s, const FormatArg& a) {
-    if (a.kind != FormatArg::kString || s.length != Spec::kInt) return false;
+bool String(Output& out, const Conversion& s, const FormatArg& a) {
+    if (a.kind != FormatArg::kString || s.length != Conversion::kInt) return false;
     std::string_view text;
     if (a.s == nullptr) {
         // As the C library prints it: in full, or nothing when cut below it.
@@ -131,7 +131,7 @@ bool String(Output& out, const Spec& s, const FormatArg& a) {
     return true;
 }
 
-bool Pointer(Output& out, const Spec& s, const FormatArg& a) {
+bool Pointer(Output& out, const Conversion& s, const FormatArg& a) {
     if (a.kind != FormatArg::kPointer && a.kind != FormatArg::kString) return false;
     if (s.plus || s.space || s.zero || s.precision >= 0) return false;
     const auto value = reinterpret_cast<std::uintptr_t>(a.p);
@@ -158,8 +158,8 @@ char* TrimFraction(char* begin, char* e, char* end) {
     return last + (end - e);
 }
 
-bool Floating(Output& out, const Spec& s, const FormatArg& a) {
-    if (a.kind != FormatArg::kDouble || s.length != Spec::kInt) return false;
+bool Floating(Output& out, const Conversion& s, const FormatArg& a) {
+    if (a.kind != FormatArg::kDouble || s.length != Conversion::kInt) return false;
     const double value = a.d;
     const char conversion = s.conversion;
     const bool upper = conversion == 'F' || conversion == 'E' || conversion == 'G';
@@ -255,7 +255,7 @@ long FormatText(char* buffer, std::size_t cap, const char* fmt, const FormatArg*
             ++p;
             continue;
         }
-        Spec s;
+        Conversion s;
         for (;; ++p) {
             if (*p == '-') {
                 s.left = true;
@@ -302,23 +302,23 @@ long FormatText(char* buffer, std::size_t cap, const char* fmt, const FormatArg*
         }
         switch (*p) {
             case 'h':
-                s.length = p[1] == 'h' ? Spec::kChar : Spec::kShort;
+                s.length = p[1] == 'h' ? Conversion::kChar : Conversion::kShort;
                 p += p[1] == 'h' ? 2 : 1;
                 break;
             case 'l':
-                s.length = p[1] == 'l' ? Spec::kLongLong : Spec::kLong;
+                s.length = p[1] == 'l' ? Conversion::kLongLong : Conversion::kLong;
                 p += p[1] == 'l' ? 2 : 1;
                 break;
             case 'z':
-                s.length = Spec::kSize;
+                s.length = Conversion::kSize;
                 ++p;
                 break;
             case 'j':
-                s.length = Spec::kMax;
+                s.length = Conversion::kMax;
                 ++p;
                 break;
             case 't':
-                s.length = Spec::kDiff;
+                s.length = Conversion::kDiff;
                 ++p;
                 break;
             default:
