@@ -12,7 +12,6 @@
 using namespace PF::Utils::LOG;
 using namespace std::chrono_literals;
 using zmtest::Unscramble;  // its own inverse: scrambles as well
-namespace fs = std::filesystem;
 
 static std::string ContentOr(const std::string& path, const std::string& absent) {
     return zmtest::Exists(path) ? zmtest::ReadFile(path) : absent;
@@ -77,22 +76,15 @@ class ArchiverTest : public zmtest::SharedRingTest {
 
 TEST_F(ArchiverTest, RecordsOfAnotherProcessReachTheFileScrambled) {
     Start(install.LogDir());
-    const auto result = install.Run("CellEmulation", {"log=3"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    std::string raw;
-    ASSERT_TRUE(zmtest::WaitUntil([&] {
-        raw = zmtest::ReadFile(file);
-        return zmtest::WalkRecords(Unscramble(raw)).size() == 3;
-    }));
-    size_t consumed = 0;
-    std::string seen;
-    for (const auto& r : zmtest::WalkRecords(Unscramble(raw), &consumed))
-        seen += r.program + "|" + r.function + "|" + r.tag + "|" + r.content + " ";
-    EXPECT_EQ(consumed, raw.size());  // nothing but the records themselves
-    EXPECT_EQ(seen,
-              "CellEmulation|main|seq|CellEmulation-0 CellEmulation|main|seq|CellEmulation-1 "
-              "CellEmulation|main|seq|CellEmulation-2 ");
+    ASSERT_EQ(install.Run("CellEmulation", {"log=3"}).exitCode, 0);
+    const auto seqs = [&] { return zmtest::DecodedLog(file).Seqs("CellEmulation"); };
+    ASSERT_TRUE(zmtest::WaitUntil([&] { return seqs().size() == 3; }));
+    const zmtest::DecodedLog log(file);
+    EXPECT_EQ(log.damagedBytes + log.corrupt, 0U);  // nothing but the records themselves
+    EXPECT_EQ(log.records.size(), 3U);
+    EXPECT_EQ(seqs(), (std::vector<long>{0, 1, 2}));
 
+    const std::string raw = zmtest::ReadFile(file);
     std::this_thread::sleep_for(350ms);  // empty ticks leave the file alone
     EXPECT_EQ(zmtest::ReadFile(file), raw);
     ASSERT_EQ(unlink(file.c_str()), 0);  // a vanished file is recreated at the next drain
@@ -105,7 +97,7 @@ TEST_F(ArchiverTest, StartProbesRolledFilesAndRollsOnlyPastTheLimit) {
     for (auto [maxRoll, two, three] :
          {std::tuple("10", "one", "two"), std::tuple("2", "two", "-")}) {
         const std::string dir = install.LogDir() + "/max" + maxRoll, path = dir + "/RUNTIME.data";
-        fs::create_directories(dir);
+        std::filesystem::create_directories(dir);
         zmtest::WriteFile(path, "");
         ASSERT_EQ(truncate(path.c_str(), 20971519 - 100), 0);  // sparse
         zmtest::WriteFile(path + "_1", "one");
@@ -127,18 +119,17 @@ TEST_F(ArchiverTest, StartProbesRolledFilesAndRollsOnlyPastTheLimit) {
     }
 }
 
-TEST_F(ArchiverTest, UnopenableFileIsReported) {
+TEST_F(ArchiverTest, UnopenableFileIsReportedAndTextModeWritesPlain) {
     const std::string notADir = install.Root() + "/plain";
     zmtest::WriteFile(notADir, "x");
     // The thread opens its file first thing: once joined, it has spoken.
-    auto startAndJoin = [&] {
-        Start(notADir);
-        archiver->StopThread();
-    };
-    EXPECT_EQ(zmtest::CaptureFd(2, startAndJoin), "file open fail\n");
-}
+    EXPECT_EQ(zmtest::CaptureFd(2,
+                                [&] {
+                                    Start(notADir);
+                                    archiver->StopThread();
+                                }),
+              "file open fail\n");
 
-TEST_F(ArchiverTest, TextModeWritesPlainToTheProgramsLogFile) {
     ConfManager::outputMode = true;  // as in a process without an installation
     Start(install.LogDir());
     Enqueue("a text line\n");

@@ -3,8 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <optional>
-#include <vector>
+#include <string>
 
 #include "log/ZMRuntimeLog.h"
 #include "support/Fixtures.h"
@@ -71,29 +70,26 @@ TEST_F(ConfigFileTest, ReloadsKeepWhatTheFileNoLongerSays) {
 }
 
 TEST(PathsTest, EnvironmentAndDefaults) {
-    std::vector<std::pair<const char*, std::optional<std::string>>> saved;
-    for (const char* name : {"ZM_VELDOR_HOME", "ZM_VELDOR_DATA"}) {
-        const char* v = std::getenv(name);
-        saved.emplace_back(name, v ? std::optional<std::string>(v) : std::nullopt);
-        unsetenv(name);
-    }
     std::pair<std::string, std::string> paths;
-    auto run = [&] { return zmtest::CaptureFd(2, [&] { paths = InitConfAndLogPath(); }); };
-
-    EXPECT_EQ(run(),
+    const auto run = [&](const char* home, const char* data) {
+        for (const auto& [name, value] :
+             {std::pair{"ZM_VELDOR_HOME", home}, {"ZM_VELDOR_DATA", data}})
+            value ? setenv(name, value, 1) : unsetenv(name);
+        return zmtest::CaptureFd(2, [&] { paths = InitConfAndLogPath(); }) + paths.first + " " +
+               paths.second;
+    };
+    const char* const home = std::getenv("ZM_VELDOR_HOME");
+    const char* const data = std::getenv("ZM_VELDOR_DATA");
+    const std::string savedHome = home ? home : "", savedData = data ? data : "";
+    EXPECT_EQ(run(nullptr, nullptr),
               "ZM_VELDOR_HOME ENVIRONMENT IS NOT SETTING\n"
-              "ZM_VELDOR_DATA ENVIRONMENT IS NOT SETTING\n");
-    EXPECT_EQ(paths.first + " " + paths.second, "/usr/VeldorRuntime /data/VeldorRuntime/log");
-    setenv("ZM_VELDOR_HOME", "", 1);  // empty still counts as set
-    setenv("ZM_VELDOR_DATA", "/d/", 1);
-    EXPECT_EQ(run(), "");
-    EXPECT_EQ(paths.first + " " + paths.second, "/conf/RUNTIMELOG.cfg /d//log");
-    setenv("ZM_VELDOR_HOME", "/opt/r", 1);
-    unsetenv("ZM_VELDOR_DATA");
-    EXPECT_EQ(run(), "ZM_VELDOR_DATA ENVIRONMENT IS NOT SETTING\n");
-    EXPECT_EQ(paths.first, "/opt/r/conf/RUNTIMELOG.cfg");
-
-    for (auto& [name, v] : saved) v ? (void)setenv(name, v->c_str(), 1) : (void)unsetenv(name);
+              "ZM_VELDOR_DATA ENVIRONMENT IS NOT SETTING\n"
+              "/usr/VeldorRuntime /data/VeldorRuntime/log");
+    EXPECT_EQ(run("", "/d/"), "/conf/RUNTIMELOG.cfg /d//log");  // empty still counts as set
+    EXPECT_EQ(run("/opt/r", nullptr),
+              "ZM_VELDOR_DATA ENVIRONMENT IS NOT SETTING\n/opt/r/conf/RUNTIMELOG.cfg "
+              "/data/VeldorRuntime/log");
+    run(home ? savedHome.c_str() : nullptr, data ? savedData.c_str() : nullptr);
 }
 
 }  // namespace

@@ -41,9 +41,8 @@ TEST_F(SharedRingTest, LimitsWrapAndTheFullRingRule) {
     EXPECT_EQ(Drain(), straddling);
 
     // A ring too full for a record throws its unread bytes away: the newest win.
-    const std::string old = Pattern(ring->capacity / 2 + 10, 3);
+    Put(ring, Pattern(ring->capacity / 2 + 10, 3));
     const std::string newest = Pattern(ring->capacity / 2 + 20, 4);
-    Put(ring, old);
     Put(ring, newest);
     EXPECT_EQ(Drain(), newest);
     EXPECT_TRUE(ring->CheckValid());
@@ -59,29 +58,21 @@ TEST_F(SharedRingTest, LimitsWrapAndTheFullRingRule) {
 TEST_F(SharedRingTest, InvalidHeaderStopsAllTrafficSilently) {
     const std::string before = Pattern(64, 5);
     Put(ring, before);
-    for (unsigned level : {7U, 6U}) {
-        ASSERT_TRUE(ring->SetLevel(level));
-        // The caller never learns of the drop.
-        EXPECT_EQ(Put(ring, Pattern(64, 6)), 64U);
-        if (level == 7) {
-            EXPECT_FALSE(ring->CheckValid());
-            EXPECT_EQ(Drain(), "");
-        }
-    }
-    EXPECT_EQ(Drain(), before + Pattern(64, 6));  // Record (6) is a valid level
+    ASSERT_TRUE(ring->SetLevel(7));
+    EXPECT_EQ(Put(ring, Pattern(64, 6)), 64U);  // the caller never learns of the drop
+    EXPECT_FALSE(ring->CheckValid());
+    EXPECT_EQ(Drain(), "");
+    ASSERT_TRUE(ring->SetLevel(6));  // Record is a valid level
+    EXPECT_EQ(Put(ring, Pattern(64, 6)), 64U);
+    EXPECT_EQ(Drain(), before + Pattern(64, 6));
     // A reservation never published makes the header invalid too.
     ring->prodHead += 8;
     EXPECT_FALSE(ring->CheckValid());
     ring->prodHead -= 8;
-}
 
-TEST_F(SharedRingTest, SwitchesAndRepairOfAFreeLock) {
-    EXPECT_TRUE(ring->SetActive(0));
-    EXPECT_EQ(ring->LoadActive(), 0U);
-    EXPECT_TRUE(ring->SetComponentMask(0x00FFUL));
-    EXPECT_EQ(ring->LoadComponentMask(), 0x00FFUL);
+    // ResetShm finds nothing stuck in a ring whose lock is free.
     Put(ring, Pattern(10, 9));
-    EXPECT_FALSE(ResetShm());  // nothing was stuck
+    EXPECT_FALSE(ResetShm());
     EXPECT_EQ(ring->Count(), 10U);
     EXPECT_EQ(GetWriteSemStatus(), 1);
 }
@@ -89,11 +80,9 @@ TEST_F(SharedRingTest, SwitchesAndRepairOfAFreeLock) {
 // A writer killed while it holds "/WriteLOG": writes drop within the 1 ms
 // deadline instead of hanging; ResetShm releases the lock.
 TEST_F(SharedRingTest, KilledLockHolderIsRepairedByResetShm) {
-    {
-        auto holder = install.Start("CellEmulation", {"hold-lock", "pause"});
-        ASSERT_TRUE(holder->WaitForOutput("locked"));
-        holder->Signal(SIGKILL);
-    }
+    auto holder = install.Start("CellEmulation", {"hold-lock", "pause"});
+    ASSERT_TRUE(holder->WaitForOutput("locked"));
+    holder.reset();  // SIGKILL
     EXPECT_EQ(GetWriteSemStatus(), 0);
     for (int i = 0; i < 5; ++i) {
         const auto t0 = std::chrono::steady_clock::now();
@@ -109,10 +98,9 @@ TEST_F(SharedRingTest, KilledLockHolderIsRepairedByResetShm) {
     const auto records = zmtest::WalkRecords(Drain());
     ASSERT_EQ(records.size(), 2U);
     EXPECT_EQ(
-        records[0].content.rfind(
-            "lost 5 records: lock busy 5, ring full 0, too long 0, rate limited 0, since ", 0),
-        0U);
-    EXPECT_EQ(records[0].tag + "|" + std::to_string(records[0].head.threadId), "zmlog|0");
+        records[0].tag + "|" + std::to_string(records[0].head.threadId) + "|" +
+            records[0].content.substr(0, 76),
+        "zmlog|0|lost 5 records: lock busy 5, ring full 0, too long 0, rate limited 0, since ");
     EXPECT_EQ(records[1].content, "after repair");
 
     // Died between reservation and publication, holding the lock.
@@ -130,7 +118,6 @@ TEST(Transport, AttachFailuresLeaveNoRingAndTheDeadlineCarries) {
     EXPECT_FALSE(SHMManager::InitSHM());
     EXPECT_EQ(SHMManager::shmInfo.address, nullptr);
     EXPECT_FALSE(SemManager::Init());
-    EXPECT_EQ(SemManager::sem, nullptr);
     EXPECT_EQ(GetWriteSemStatus(), -1);
     EXPECT_FALSE(ResetShm());
 
@@ -147,7 +134,6 @@ TEST(Transport, AttachFailuresLeaveNoRingAndTheDeadlineCarries) {
 
     ASSERT_TRUE(MEMManager::CreateMEM(4096));
     EXPECT_TRUE(MEMManager::DeleteSHM());
-    EXPECT_EQ(MEMManager::memInfo.address, nullptr);
     EXPECT_TRUE(MEMManager::DeleteSHM());  // no double release
 
     const struct {
@@ -156,7 +142,7 @@ TEST(Transport, AttachFailuresLeaveNoRingAndTheDeadlineCarries) {
         {{5, 998999999}, {5, 999999999}}, {{5, 999000000}, {6, 0}}, {{5, 999999999}, {6, 999999}}};
     for (const auto& c : cases) {
         const timespec got = DeadlineAfter(c.now, kLockTimeoutNs);
-        EXPECT_EQ(got.tv_sec, c.want.tv_sec);
-        EXPECT_EQ(got.tv_nsec, c.want.tv_nsec);
+        EXPECT_EQ(got.tv_sec * 1000000000L + got.tv_nsec,
+                  c.want.tv_sec * 1000000000L + c.want.tv_nsec);
     }
 }

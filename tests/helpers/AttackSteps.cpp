@@ -1,16 +1,10 @@
-// Helper steps that damage the shared ring the way a faulty or hostile
-// process of the installation could: they write the header, the ring's
-// bytes and the lock directly, as any process that may write them can.
-//   attack=<kind>         applies one kind of damage: "attacked at <us>"
-//     geometry            capacity and mask beyond the mapping, with a
-//                         published span of 1.75 GiB
-//     unpublished         a reservation that is never published
-//     switches            active and level out of range
-//     zero-capacity       capacity 0
-//     random-header       random bytes over the whole 48-byte header
-//     random-records      4 KiB of random bytes published as records
-//     extra-posts         three more posts on "/WriteLOG"
-//     lock-exit           takes "/WriteLOG" and exits without giving it back
+// A helper step that damages the shared ring as any process that may write
+// it could, "attack=<kind>": "attacked at <us>". Kinds: geometry (capacity
+// and mask beyond the mapping, 1.75 GiB published), unpublished (a
+// reservation never published), switches (out of range), zero-capacity,
+// random-header (48 random bytes), random-records (4 KiB of random bytes
+// published), extra-posts (three more on "/WriteLOG"), lock-exit (takes it
+// and exits).
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/mman.h>
@@ -44,7 +38,6 @@ void Attack(const std::string&, const std::string& kind) {
     auto* base =
         static_cast<char*>(mmap(nullptr, kSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
     close(fd);
-    if (base == MAP_FAILED) return Say("no ring");
     auto* h = reinterpret_cast<volatile RawHeader*>(base);
     std::mt19937_64 random(std::random_device{}());
     const auto nowUs = std::chrono::duration_cast<std::chrono::microseconds>(

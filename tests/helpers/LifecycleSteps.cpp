@@ -1,20 +1,16 @@
-// Helper steps for the library's lifecycle: exit while threads log,
-// start/release cycles, signals, re-attaches, thread affinity and fork.
+// Helper steps for the library's lifecycle:
 //   exit-logging=<threads>  threads log (filtered-out records, and every
-//                         thousandth one that passes) while main returns:
-//                         "exiting"
+//                         thousandth one that passes) while main returns
 //   cycles=<n>            n times StartRuntimeLog and ReleaseRuntimeLog,
 //                         then StartRuntimeLog: "cycled"
 //   resources             "monitors <threads named MonitorConfi> inotify
-//                         <inotify descriptors> zmlog <mappings of ZMLOG>
-//                         semaphores <mappings of sem.*>"
+//                         <inotify descriptors> zmlog <mappings of ZMLOG> "
 //   signal-monitor=<n>    n times SIGUSR1 to the monitor thread, handled
 //                         without SA_RESTART: "signalled"
 //   affinity              once an archiver runs (10 s at most): "archiver
 //                         <CPU list> process <CPU list>"
-//   fork=<n>              4 threads log while n children are forked
-//                         at once, each writing "child-<i>" and exiting:
-//                         "children <n> hung <k>"
+//   fork=<n>              4 threads log while n children are forked, each
+//                         writing "child-<i>": "children <n> hung <k>"
 #include <dirent.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -29,39 +25,34 @@
 
 #include "helpers/Steps.h"
 #include "log/ZMRuntimeLog.h"
+#include "support/ThreadNames.h"
 
 using namespace PF::Utils::LOG;
 using namespace zmhelper;
 
 namespace {
 
-// Task ids of this process's threads with the given name ("" : all).
+// Task ids of this process's threads of that name.
 std::vector<std::string> Tasks(const std::string& name) {
     std::vector<std::string> tasks;
     DIR* dir = opendir("/proc/self/task");
-    while (dirent* e = dir != nullptr ? readdir(dir) : nullptr) {
-        if (e->d_name[0] == '.') continue;
-        std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
-        std::string comm_name;
-        std::getline(comm, comm_name);
-        if (name.empty() || comm_name == name) tasks.emplace_back(e->d_name);
-    }
+    while (dirent* e = dir != nullptr ? readdir(dir) : nullptr)
+        if (e->d_name[0] != '.' && zmtest::ThreadName(e->d_name) == name)
+            tasks.emplace_back(e->d_name);
     if (dir != nullptr) closedir(dir);
     return tasks;
 }
 
 std::string CpuList(const std::string& task) {
     std::ifstream status("/proc/self/task/" + task + "/status");
-    for (std::string line; std::getline(status, line);) {
+    for (std::string line; std::getline(status, line);)
         if (line.rfind("Cpus_allowed_list:", 0) == 0)
             return line.substr(line.find_first_not_of(" \t", 18));
-    }
     return "?";
 }
 
 void ExitLogging(const std::string&, const std::string& args) {
-    const unsigned long threads = Numbers(args).at(0);
-    for (unsigned long t = 0; t < threads; ++t) {
+    for (unsigned long t = 0; t < Numbers(args).at(0); ++t) {
         std::thread([] {
             for (unsigned long i = 0;; ++i) {
                 ZMLOG_TRACE("exit", "filtered out below the level");
@@ -70,7 +61,6 @@ void ExitLogging(const std::string&, const std::string& args) {
         }).detach();
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    Say("exiting");
 }
 
 void Cycles(const std::string&, const std::string& args) {
@@ -83,26 +73,20 @@ void Cycles(const std::string&, const std::string& args) {
 }
 
 void Resources(const std::string&, const std::string&) {
-    int inotify = 0;
+    int inotify = 0, zmlog = 0;
     DIR* dir = opendir("/proc/self/fd");
     while (dirent* e = dir != nullptr ? readdir(dir) : nullptr) {
         char target[64] = {};
         const std::string link = std::string("/proc/self/fd/") + e->d_name;
-        if (readlink(link.c_str(), target, sizeof target - 1) > 0 &&
-            std::string(target) == "anon_inode:inotify")
-            ++inotify;
+        inotify += readlink(link.c_str(), target, sizeof target - 1) > 0 &&
+                   std::string(target) == "anon_inode:inotify";
     }
     if (dir != nullptr) closedir(dir);
-    int zmlog = 0;
-    int semaphores = 0;
     std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);) {
+    for (std::string line; std::getline(maps, line);)
         zmlog += line.find("/dev/shm/ZMLOG") != std::string::npos;
-        semaphores += line.find("/dev/shm/sem.") != std::string::npos;
-    }
     Say("monitors " + std::to_string(Tasks("MonitorConfi").size()) + " inotify " +
-        std::to_string(inotify) + " zmlog " + std::to_string(zmlog) + " semaphores " +
-        std::to_string(semaphores));
+        std::to_string(inotify) + " zmlog " + std::to_string(zmlog) + " ");
 }
 
 void SignalMonitor(const std::string&, const std::string& args) {
@@ -152,11 +136,10 @@ void Fork(const std::string&, const std::string& args) {
     int hung = 0;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     for (const pid_t child : pids) {
-        int status = 0;
-        while (waitpid(child, &status, WNOHANG) == 0) {
+        while (waitpid(child, nullptr, WNOHANG) == 0) {
             if (std::chrono::steady_clock::now() > deadline) {
                 kill(child, SIGKILL);
-                waitpid(child, &status, 0);
+                waitpid(child, nullptr, 0);
                 ++hung;
                 break;
             }

@@ -13,25 +13,18 @@
 //   bind=<cpu>            BindCPUCore: "bound"
 //   wait                  "waiting", then waits for a line on stdin
 //   pause                 "paused", then waits to be killed
-//   log=<n>[,<size>[,<us>]]  n records "<role>-<seq>" (padded with '.' to
-//                         size), one every us; n 0: until a line on stdin.
-//                         "logged <n> dropped <d> max_us <m> slow <k>" and
-//                         the dropped seqs (a lock not had within 1 ms)
+//   log=<n>[,<size>[,<us>[,<threads>[,<max>]]]]  each thread writes n records
+//                         (n 0: until a line on stdin) of SeqContent
+//                         (TestSupport.h), size to max bytes, one every us;
+//                         seqs run on across log steps. Per thread: "logged
+//                         <n> from <first> dropped <d> max_us <m>[: <seqs>]",
+//                         the seqs a lock not had within 1 ms dropped
 //   typed                 a text, an int and a 3-byte binary record: "typed"
-//   limit                 the largest record there is, one byte more, and a
-//                         normal one: "content <bytes> max_us <m>"
 //   hold-lock, release-lock  takes "/WriteLOG" and keeps it, gives it back:
 //                         "locked", "unlocked"
 //   sleep=<ms>            "slept"
 //   lock-free=<ms>        waits up to ms for "/WriteLOG" to be seen free:
 //                         "free after <n> ms", else "taken"
-//   stream=<p>,<threads>,<rate>,<min>,<max>,<count>[,burst]  the stress
-//                         stream of support/StressStream.h; count 0: until a
-//                         line on stdin; burst: "burst done", then one record
-//                         more per thread after a line on stdin. One line per
-//                         thread: "thread <t> written <n> timeouts <k>
-//                         max_us <m> over2ms <c> dropped <seqs>"
-//   victim=<p>,<min>,<max>,<count>  "go", then count stream records at once
 // Steps of a feature of their own live in a file of their own beside this
 // one and register with ZMHELPER_STEP (Steps.h).
 #include <semaphore.h>
@@ -40,9 +33,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -50,7 +41,7 @@
 
 #include "helpers/Steps.h"
 #include "log/ZMRuntimeLog.h"
-#include "support/StressStream.h"
+#include "support/TestSupport.h"
 #include "support/ThreadNames.h"
 #include "transport/SemManager.h"
 
@@ -73,139 +64,45 @@ bool WaitFor(const std::function<bool()>& pred, int ms) {
     return true;
 }
 
-unsigned long gSeq = 0;  // runs on across log steps
+unsigned long gSeq[64] = {};  // per thread, run on across log steps
+std::atomic<bool> gStop{false};
 
-void Log(const std::string& role, unsigned long n, unsigned long size, unsigned long pauseUs) {
-    unsigned long written = 0;
-    unsigned long slow = 0;
+std::string Log(const std::string& role, unsigned t, const std::vector<unsigned long>& n) {
+    const auto arg = [&](size_t i) { return i < n.size() ? n[i] : 0; };
+    const unsigned long count = arg(0), size = arg(1), pauseUs = arg(2);
+    const unsigned long span = std::max(arg(4), size) - size + 1;
+    const unsigned long first = gSeq[t];
     long long maxUs = 0;
     std::string dropped;
-    // Without a pause, stdin is looked at every 64 records only.
-    while (n != 0 ? written < n : !((pauseUs >= 100 || written % 64 == 0) && LineArrived(false))) {
-        std::string text = role + "-" + std::to_string(gSeq);
-        if (text.size() < size) text.resize(size, '.');
+    for (unsigned long& seq = gSeq[t]; count != 0 ? seq - first < count : !gStop.load(); ++seq) {
+        const std::string text =
+            zmtest::SeqContent(role, t, seq, size + (seq * 2654435761U + t) % span);
         const unsigned long unwritten = detail::tUnwrittenRecords;
         const auto start = Clock::now();
         WriteLog<std::string>("seq", text, kInfo, "main", 0, 0, 0, std::string());
-        const long long us = UsSince(start);
-        maxUs = std::max(maxUs, us);
-        slow += us > 500 ? 1 : 0;
-        if (detail::tUnwrittenRecords != unwritten) dropped += " " + std::to_string(gSeq);
-        ++gSeq;
-        ++written;
+        maxUs = std::max(maxUs, UsSince(start));
+        if (detail::tUnwrittenRecords != unwritten) dropped += " " + std::to_string(seq);
         if (pauseUs != 0) usleep(static_cast<useconds_t>(pauseUs));
     }
     const auto drops = std::count(dropped.begin(), dropped.end(), ' ');
-    Say("logged " + std::to_string(written) + " dropped " + std::to_string(drops) + " max_us " +
-        std::to_string(maxUs) + " slow " + std::to_string(slow) + (drops ? ":" + dropped : ""));
+    return "logged " + std::to_string(gSeq[t] - first) + " from " + std::to_string(first) +
+           " dropped " + std::to_string(drops) + " max_us " + std::to_string(maxUs) +
+           (drops ? ":" + dropped : "");
 }
 
-struct StreamPlan {
-    unsigned p = 0;
-    unsigned threads = 1;
-    double rate = 0;  // records/s per thread, 0: at once
-    unsigned minSize = 0;
-    unsigned maxSize = 0;
-    unsigned long count = 0;  // 0: until a line on stdin
-    bool burst = false;
-};
-
-struct StreamReport {
-    unsigned long written = 0;
-    unsigned long timeouts = 0;
-    long long maxUs = 0;
-    unsigned long over2ms = 0;
-    std::string dropped;
-};
-
-std::atomic<bool> gStop{false};
-
-// One stream record through the public macro, timed; a lock time-out shows
-// in the thread's counter.
-void StreamRecord(const StreamPlan& plan, unsigned t, unsigned long s, StreamReport& report) {
-    const std::string text = zmtest::StressContent(plan.p, t, s, plan.minSize, plan.maxSize);
-    const unsigned long timeouts = detail::tUnwrittenRecords;
-    const auto start = Clock::now();
-    ZMLOG_INFO(zmtest::kStressTag, text);
-    const long long us = UsSince(start);
-    ++report.written;
-    report.maxUs = std::max(report.maxUs, us);
-    report.over2ms += us > 2000 ? 1 : 0;
-    if (detail::tUnwrittenRecords != timeouts) {
-        ++report.timeouts;
-        report.dropped += " " + std::to_string(s);
-    }
-}
-
-void StreamThread(const StreamPlan& plan, unsigned t, StreamReport& report,
-                  std::atomic<unsigned>& done) {
-    const auto start = Clock::now();
-    unsigned long s = 0;
-    for (; plan.count == 0 ? !gStop.load() : s < plan.count; ++s) {
-        if (plan.rate > 0) {
-            std::this_thread::sleep_until(
-                start + std::chrono::nanoseconds(static_cast<long long>(s * 1e9 / plan.rate)));
-        }
-        StreamRecord(plan, t, s, report);
-    }
-    ++done;
-    if (!plan.burst) return;
-    while (!gStop.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    StreamRecord(plan, t, s, report);
-}
-
-void Stream(const StreamPlan& plan) {
-    std::vector<StreamReport> reports(plan.threads);
-    std::atomic<unsigned> done{0};
+void LogThreads(const std::string& role, const std::vector<unsigned long>& n) {
+    const unsigned threads = n.size() > 3 && n[3] > 1 ? static_cast<unsigned>(n[3]) : 1;
+    std::vector<std::string> reports(threads);
+    std::vector<std::thread> writers;
     gStop = false;
-    std::vector<std::thread> threads;
-    for (unsigned t = 0; t < plan.threads; ++t) {
-        threads.emplace_back(StreamThread, std::cref(plan), t, std::ref(reports[t]),
-                             std::ref(done));
-    }
-    if (plan.count == 0) {
-        LineArrived(true);
-        gStop = true;
-    } else if (plan.burst) {
-        while (done.load() < plan.threads)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        Say("burst done");
+    for (unsigned t = 0; t < threads; ++t)
+        writers.emplace_back([&, t] { reports[t] = Log(role, t, n); });
+    if (n.at(0) == 0) {
         LineArrived(true);
         gStop = true;
     }
-    for (auto& th : threads) th.join();
-    for (unsigned t = 0; t < plan.threads; ++t) {
-        const StreamReport& r = reports[t];
-        Say("thread " + std::to_string(t) + " written " + std::to_string(r.written) + " timeouts " +
-            std::to_string(r.timeouts) + " max_us " + std::to_string(r.maxUs) + " over2ms " +
-            std::to_string(r.over2ms) + " dropped" + r.dropped);
-    }
-}
-
-std::string Repeat(const std::string& unit, size_t size) {
-    std::string text;
-    while (text.size() < size) text += unit;
-    return text.substr(0, size);
-}
-
-// The largest record there is: names of 65535 bytes (the program's through
-// argv[0]) and the content filling the rest of 1 MiB; then one byte more.
-void Limit() {
-    const std::string function = Repeat("Function", 65535);
-    const std::string tag = Repeat("Tag", 65535);
-    const size_t used =
-        32 + function.size() + tag.size() + std::strlen(program_invocation_short_name);
-    std::string content = Repeat("content", kMaxRecordLength - used);
-    long long maxUs = 0;
-    for (int extra = 0; extra < 2; ++extra) {
-        const auto start = Clock::now();
-        WriteLog<std::string>(tag.c_str(), content + (extra ? "+" : ""), kWarn, function.c_str(), 0,
-                              0, 0, std::string());
-        maxUs = std::max(maxUs, UsSince(start));
-    }
-    WriteLog<std::string>("limits", std::string("after the limits"), kInfo, "main", 0, 0, 0,
-                          "CellEmulation");
-    Say("content " + std::to_string(content.size()) + " max_us " + std::to_string(maxUs));
+    for (auto& w : writers) w.join();
+    for (const auto& r : reports) Say(r);
 }
 
 bool RunStep(const std::string& role, const std::string& step) {
@@ -213,7 +110,7 @@ bool RunStep(const std::string& role, const std::string& step) {
     const std::string name = step.substr(0, eq);
     const std::string args = eq == std::string::npos ? "" : step.substr(eq + 1);
     const std::vector<unsigned long> n = Numbers(args);
-    auto arg = [&](size_t i, unsigned long fallback = 0) { return i < n.size() ? n[i] : fallback; };
+    const unsigned long first = n.empty() ? 0 : n[0];
     if (name == "probe") {
         Say("up=" + std::to_string(IsUPEnvironment()) +
             " ring=" + std::to_string(RingHead::GetInstance() != nullptr) +
@@ -229,17 +126,17 @@ bool RunStep(const std::string& role, const std::string& step) {
         LogDoConfigure(args.substr(0, comma), args.substr(comma + 1));
         Say("configured");
     } else if (name == "level") {
-        SetLogLevel(static_cast<unsigned>(arg(0)));
+        SetLogLevel(static_cast<unsigned>(first));
         Say("level set");
     } else if (name == "wait-level") {
         const bool seen = WaitFor(
             [&] {
-                return RingHead::GetInstance() && RingHead::GetInstance()->LoadLevel() == arg(0);
+                return RingHead::GetInstance() && RingHead::GetInstance()->LoadLevel() == first;
             },
             10000);
         Say(seen ? "level " + args : "level not seen");
     } else if (name == "bind") {
-        BindCPUCore(static_cast<int>(std::strtol(args.c_str(), nullptr, 10)));
+        BindCPUCore(static_cast<int>(first));
         Say("bound");
     } else if (name == "wait") {
         Say("waiting");
@@ -248,7 +145,7 @@ bool RunStep(const std::string& role, const std::string& step) {
         Say("paused");
         for (;;) pause();
     } else if (name == "log") {
-        Log(role, arg(0), arg(1), arg(2));
+        LogThreads(role, n);
     } else if (name == "typed") {
         // The program name argument is ignored on a private log's text path.
         WriteLog<char[8]>("net", "link up", kInfo, "main", 0, 0, 0, "Ignored");
@@ -256,41 +153,18 @@ bool RunStep(const std::string& role, const std::string& step) {
         const unsigned char raw[3] = {0x01, 0xab, 0x41};
         WriteLog<unsigned char[3]>("raw", raw, kError, "Dump", 3, 1, 0, "");
         Say("typed");
-    } else if (name == "limit") {
-        Limit();
-    } else if (name == "hold-lock") {
-        sem_wait(SemManager::sem);
-        Say("locked");
-    } else if (name == "release-lock") {
-        sem_post(SemManager::sem);
-        Say("unlocked");
+    } else if (name == "hold-lock" || name == "release-lock") {
+        name == "hold-lock" ? sem_wait(SemManager::sem) : sem_post(SemManager::sem);
+        Say(name == "hold-lock" ? "locked" : "unlocked");
     } else if (name == "sleep") {
-        std::this_thread::sleep_for(std::chrono::milliseconds(arg(0)));
+        std::this_thread::sleep_for(std::chrono::milliseconds(first));
         Say("slept");
     } else if (name == "lock-free") {
         // A live holder keeps the lock for microseconds; one that died with
         // it leaves it taken until the runtime repairs the ring.
-        const auto start = std::chrono::steady_clock::now();
-        if (WaitFor([] { return GetWriteSemStatus() > 0; }, arg(0))) {
-            Say("free after " +
-                std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                   std::chrono::steady_clock::now() - start)
-                                   .count()) +
-                " ms");
-        } else {
-            Say("taken");
-        }
-    } else if (name == "stream") {
-        Stream({static_cast<unsigned>(arg(0)), static_cast<unsigned>(arg(1, 1)),
-                static_cast<double>(arg(2)), static_cast<unsigned>(arg(3)),
-                static_cast<unsigned>(arg(4)), arg(5), args.find("burst") != std::string::npos});
-    } else if (name == "victim") {
-        const StreamPlan plan{
-            static_cast<unsigned>(arg(0)), 1,      0,    static_cast<unsigned>(arg(1)),
-            static_cast<unsigned>(arg(2)), arg(3), false};
-        StreamReport report;
-        Say("go");
-        for (unsigned long s = 0; s < plan.count; ++s) StreamRecord(plan, 0, s, report);
+        const auto start = Clock::now();
+        const bool free = WaitFor([] { return GetWriteSemStatus() > 0; }, static_cast<int>(first));
+        Say(free ? "free after " + std::to_string(UsSince(start) / 1000) + " ms" : "taken");
     } else if (const zmhelper::Step* registered = FindStep(name)) {
         (*registered)(role, args);
     } else {

@@ -1,10 +1,10 @@
 #include "support/Fixtures.h"
 
-#include "decode/RecordWalker.h"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
@@ -30,12 +30,9 @@ Installation::~Installation() {
     fs::remove_all(root_, ec);
 }
 
-void Installation::WriteConfig(const std::string& text) const {
-    WriteFile(ConfPath(), text);
-}
-
-void Installation::AppendConfig(const std::string& line) const {
-    WriteFile(ConfPath(), line + "\n", true);
+void Installation::ReplaceConfig(const std::string& text) const {
+    WriteFile(ConfPath() + ".new", text);
+    std::rename((ConfPath() + ".new").c_str(), ConfPath().c_str());
 }
 
 std::vector<std::string> Installation::Env() const {
@@ -56,6 +53,10 @@ std::unique_ptr<Child> Installation::Start(const std::string& role,
 ProcessResult Installation::Run(const std::string& role,
                                 const std::vector<std::string>& steps) const {
     return Start(role, steps)->Wait();
+}
+
+ProcessResult Installation::Zmlog(const std::vector<std::string>& args) const {
+    return zmtest::Run(ZmlogPath(), "zmlog", args, Env(), root_);
 }
 
 Runtime::Runtime(const Installation& install)
@@ -80,38 +81,56 @@ DecodedLog::DecodedLog(const std::string& dataFile, long from) {
     for (const std::string& file : files) {
         std::string plain = Unscramble(ReadFile(file));
         if (file == dataFile) plain.erase(0, static_cast<size_t>(from));
-        // As the readers of the log walk it: damaged bytes are skipped.
-        PF::Utils::LOG::RecordWalker walker;
-        const auto keep = [this](PF::Utils::LOG::WalkedRecord& w) {
-            records.push_back({w.head, std::string(w.function), std::string(w.program),
-                               std::string(w.tag), std::string(w.content)});
-        };
-        walker.Feed(plain.data(), plain.size(), keep);
-        walker.Finish(keep);
+        for (Record& r : WalkRecords(plain, &damagedBytes)) records.push_back(std::move(r));
         bytes += plain.size();
-        damagedBytes += walker.SkippedBytes();
+    }
+    for (const Record& r : records) {
+        unsigned t = 0;
+        long seq = -1;
+        if (r.tag == "seq" && r.head.threadId != 0 &&
+            (r.content.rfind(r.program + "-", 0) != 0 ||
+             std::sscanf(r.content.c_str() + r.program.size(), "-%ld/%u", &seq, &t) < 1 ||
+             r.content !=
+                 SeqContent(r.program, t, static_cast<unsigned long>(seq), r.content.size())))
+            ++corrupt;
     }
 }
 
-std::vector<long> DecodedLog::Seqs(const std::string& role) const {
+std::vector<long> DecodedLog::Seqs(const std::string& role, unsigned t) const {
     std::vector<long> seqs;
     for (const Record& r : records) {
-        if (r.program == role && r.content.compare(0, role.size() + 1, role + "-") == 0)
-            seqs.push_back(std::strtol(r.content.c_str() + role.size() + 1, nullptr, 10));
+        unsigned thread = 0;
+        long seq = -1;
+        if (r.program == role && r.tag == "seq" && r.content.rfind(role + "-", 0) == 0 &&
+            std::sscanf(r.content.c_str() + role.size(), "-%ld/%u", &seq, &thread) >= 1 &&
+            thread == t)
+            seqs.push_back(seq);
     }
     return seqs;
 }
 
-std::vector<long> DroppedSeqs(const std::string& out) {
+std::vector<long> Logged::Arrived() const {
     std::vector<long> seqs;
+    for (long s = first; s < first + written; ++s)
+        if (std::find(dropped.begin(), dropped.end(), s) == dropped.end()) seqs.push_back(s);
+    return seqs;
+}
+
+std::vector<Logged> LogReports(const std::string& out) {
+    std::vector<Logged> reports;
     std::istringstream lines(out);
     for (std::string line; std::getline(lines, line);) {
-        const size_t colon = line.find(':');
-        if (line.rfind("logged ", 0) != 0 || colon == std::string::npos) continue;
-        std::istringstream in(line.substr(colon + 1));
-        for (long s; in >> s;) seqs.push_back(s);
+        Logged l;
+        long count = 0;
+        if (std::sscanf(line.c_str(), "logged %ld from %ld dropped %ld max_us %ld", &l.written,
+                        &l.first, &count, &l.maxUs) != 4)
+            continue;
+        std::istringstream seqs(line.substr(std::min(line.find(':'), line.size())));
+        seqs.ignore(1);
+        for (long s; seqs >> s;) l.dropped.push_back(s);
+        reports.push_back(l);
     }
-    return seqs;
+    return reports;
 }
 
 }  // namespace zmtest

@@ -28,8 +28,10 @@ class Installation {
     std::string ConfPath() const { return Home() + "/conf/RUNTIMELOG.cfg"; }
     std::string LogDir() const { return Data() + "/log"; }
     std::string DataFile() const { return LogDir() + "/RUNTIME.data"; }
-    void WriteConfig(const std::string& text) const;
-    void AppendConfig(const std::string& line) const;
+    void WriteConfig(const std::string& text) const { WriteFile(ConfPath(), text); }
+    void AppendConfig(const std::string& line) const { WriteFile(ConfPath(), line + "\n", true); }
+    // The configuration replaced by rename, as editors save it.
+    void ReplaceConfig(const std::string& text) const;
 
     // ZM_VELDOR_HOME and ZM_VELDOR_DATA for a child.
     std::vector<std::string> Env() const;
@@ -41,6 +43,8 @@ class Installation {
     std::unique_ptr<Child> Start(const std::string& role,
                                  const std::vector<std::string>& steps) const;
     ProcessResult Run(const std::string& role, const std::vector<std::string>& steps) const;
+    // zmlog run in the installation.
+    ProcessResult Zmlog(const std::vector<std::string>& args) const;
 
   private:
     GlobalNamesLock names_;  // first: held before anything is created
@@ -66,17 +70,23 @@ class Runtime {
 // the current file.
 struct DecodedLog {
     explicit DecodedLog(const std::string& dataFile, long from = 0);
-    // Sequence numbers of the helper's "<role>-<seq>" records, in log order.
-    std::vector<long> Seqs(const std::string& role) const;
+    // The seqs of the helper's records of role (its thread t), in log order.
+    std::vector<long> Seqs(const std::string& role, unsigned t = 0) const;
 
     std::vector<std::string> files;
     std::vector<Record> records;
     std::uint64_t bytes = 0;
     std::uint64_t damagedBytes = 0;  // not covered by whole records
+    std::uint64_t corrupt = 0;       // helper records whose bytes are not what was written
 };
 
-// "logged <n> dropped <d> ...": the records a helper's log step could not
-// write within the lock's deadline, from its output.
-std::vector<long> DroppedSeqs(const std::string& out);
+// One "logged <n> from <first> dropped <d> max_us <m>[: <seqs>]" line of the
+// helper's log step (one per writer thread).
+struct Logged {
+    long written = 0, first = 0, maxUs = 0;
+    std::vector<long> dropped;          // not had the lock within its deadline, and counted
+    std::vector<long> Arrived() const;  // the seqs that must reach the log
+};
+std::vector<Logged> LogReports(const std::string& out);
 
 }  // namespace zmtest

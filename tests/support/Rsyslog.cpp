@@ -38,40 +38,29 @@ int FreePort(bool udp) {
 
 std::string Config(const std::string& dir, const std::string& input, int port,
                    const std::string& certs) {
-    const std::string p = std::to_string(port);
-    const std::string ca = certs + "/ca.pem";
-    const std::string cert = certs + "/server.pem";
-    const std::string key = certs + "/server.key";
-    std::ostringstream c;
-    c << "global(workDirectory=\"" << dir << "/work\" maxMessageSize=\"64k\"";
-    if (input == "tls") {
-        c << " defaultNetstreamDriverCAFile=\"" << ca << "\" defaultNetstreamDriverCertFile=\""
-          << cert << "\" defaultNetstreamDriverKeyFile=\"" << key << "\"";
-    }
-    c << ")\n";
-    if (input == "tcp") c << "module(load=\"imtcp\")\n";
-    if (input == "tls") {
-        c << "module(load=\"imtcp\" streamDriver.name=\"gtls\" streamDriver.mode=\"1\" "
-             "streamDriver.authMode=\"x509/certvalid\")\n";
-    }
-    if (input == "udp") c << "module(load=\"imudp\")\n";
-    if (input.rfind("relp", 0) == 0) c << "module(load=\"imrelp\")\n";
-    c << "template(name=\"raw\" type=\"string\" string=\"%rawmsg%\\n\")\n"
-      << "ruleset(name=\"in\" queue.type=\"Direct\") {\n"
-      << "  action(type=\"omfile\" file=\"" << dir << "/received\" template=\"raw\")\n}\n";
-    const std::string module = input == "tls"        ? "imtcp"
-                               : input == "relp-tls" ? "imrelp"
-                                                     : "im" + input;
-    c << "input(type=\"" << module << "\" port=\"" << p
-      << "\" address=\"127.0.0.1\" ruleset=\"in\"";
+    const std::string ca = certs + "/ca.pem", cert = certs + "/server.pem",
+                      key = certs + "/server.key";
+    std::string c = "global(workDirectory=\"" + dir + "/work\" maxMessageSize=\"64k\"";
+    if (input == "tls")
+        c += " defaultNetstreamDriverCAFile=\"" + ca + "\" defaultNetstreamDriverCertFile=\"" +
+             cert + "\" defaultNetstreamDriverKeyFile=\"" + key + "\"";
+    const std::string module = input == "tls" || input == "tcp" ? "imtcp"
+                               : input == "udp"                 ? "imudp"
+                                                                : "imrelp";
+    c += ")\nmodule(load=\"" + module + "\"";
+    if (input == "tls")
+        c += " streamDriver.name=\"gtls\" streamDriver.mode=\"1\" "
+             "streamDriver.authMode=\"x509/certvalid\"";
+    c += ")\ntemplate(name=\"raw\" type=\"string\" string=\"%rawmsg%\\n\")\n"
+         "ruleset(name=\"in\" queue.type=\"Direct\") {\n  action(type=\"omfile\" file=\"" +
+         dir + "/received\" template=\"raw\")\n}\ninput(type=\"" + module + "\" port=\"" +
+         std::to_string(port) + "\" address=\"127.0.0.1\" ruleset=\"in\"";
     // A burst of datagrams must not overflow the socket.
-    if (input == "udp") c << " rcvbufSize=\"16m\"";
-    if (input == "relp-tls") {
-        c << " tls=\"on\" tls.caCert=\"" << ca << "\" tls.myCert=\"" << cert
-          << "\" tls.myPrivKey=\"" << key << "\" tls.authMode=\"certvalid\"";
-    }
-    c << ")\n";
-    return c.str();
+    if (input == "udp") c += " rcvbufSize=\"16m\"";
+    if (input == "relp-tls")
+        c += " tls=\"on\" tls.caCert=\"" + ca + "\" tls.myCert=\"" + cert + "\" tls.myPrivKey=\"" +
+             key + "\" tls.authMode=\"certvalid\"";
+    return c + ")\n";
 }
 
 }  // namespace

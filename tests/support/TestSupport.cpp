@@ -16,6 +16,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "decode/RecordWalker.h"
+
 extern char** environ;
 
 namespace zmtest {
@@ -31,48 +33,39 @@ std::string ZmlogPath() {
 Child::Child(const std::string& program, const std::string& role,
              const std::vector<std::string>& args, const std::vector<std::string>& env,
              const std::string& cwd) {
-    int in[2];
-    int out[2];
-    int err[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
-        throw std::runtime_error("pipe");
-
+    int pipes[3][2];
+    for (auto& p : pipes)
+        if (pipe2(p, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
     // Everything the child needs is prepared before fork.
     std::vector<std::string> argvText{role};
     argvText.insert(argvText.end(), args.begin(), args.end());
-    std::vector<std::string> envText;
     auto nameOf = [](const std::string& e) { return e.substr(0, e.find('=')); };
+    std::vector<std::string> envText;
     for (char** e = environ; *e != nullptr; ++e) {
         bool replaced = false;
         for (const auto& mine : env) replaced = replaced || nameOf(mine) == nameOf(*e);
         if (!replaced) envText.emplace_back(*e);
     }
-    for (const auto& mine : env) {
+    for (const auto& mine : env)
         if (mine.find('=') != std::string::npos) envText.push_back(mine);
-    }
-    std::vector<char*> argv;
+    std::vector<char*> argv, envp;
     for (auto& a : argvText) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
     for (auto& e : envText) envp.push_back(e.data());
+    argv.push_back(nullptr);
     envp.push_back(nullptr);
 
     pid_ = fork();
     if (pid_ < 0) throw std::runtime_error("fork");
     if (pid_ == 0) {
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
+        for (int fd = 0; fd < 3; ++fd) dup2(pipes[fd][fd == 0 ? 0 : 1], fd);
         if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
         execve(program.c_str(), argv.data(), envp.data());
         _exit(127);
     }
-    close(in[0]);
-    close(out[1]);
-    close(err[1]);
-    inFd_ = in[1];
-    outFd_ = out[0];
-    errFd_ = err[0];
+    for (int fd = 0; fd < 3; ++fd) {
+        close(pipes[fd][fd == 0 ? 0 : 1]);
+        fds_[fd] = pipes[fd][fd == 0 ? 1 : 0];
+    }
 }
 
 Child::~Child() {
@@ -80,9 +73,8 @@ Child::~Child() {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
-    for (int fd : {inFd_, outFd_, errFd_}) {
+    for (int fd : fds_)
         if (fd >= 0) close(fd);
-    }
 }
 
 void Child::Signal(int sig) const {
@@ -91,38 +83,31 @@ void Child::Signal(int sig) const {
 
 void Child::Send(const std::string& line) {
     const std::string text = line + "\n";
-    if (inFd_ >= 0 && write(inFd_, text.data(), text.size()) < 0) {
-        close(inFd_);
-        inFd_ = -1;
+    if (fds_[0] >= 0 && write(fds_[0], text.data(), text.size()) < 0) {
+        close(fds_[0]);
+        fds_[0] = -1;
     }
 }
 
 void Child::Pump(int timeoutMs) {
-    pollfd fds[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
-    if (poll(fds, 2, timeoutMs) <= 0) return;
+    pollfd p[2] = {{fds_[1], POLLIN, 0}, {fds_[2], POLLIN, 0}};
+    if (poll(p, 2, timeoutMs) <= 0) return;
     char buf[65536];
     for (int i = 0; i < 2; ++i) {
-        if (fds[i].fd < 0 || (fds[i].revents & (POLLIN | POLLHUP)) == 0) continue;
-        const ssize_t r = read(fds[i].fd, buf, sizeof buf);
-        if (r > 0) {
-            (i == 0 ? out_ : err_).append(buf, static_cast<size_t>(r));
-        } else if (r == 0) {
-            close(fds[i].fd);
-            (i == 0 ? outFd_ : errFd_) = -1;
+        if (p[i].fd < 0 || (p[i].revents & (POLLIN | POLLHUP)) == 0) continue;
+        const ssize_t r = read(p[i].fd, buf, sizeof buf);
+        if (r > 0) (i == 0 ? out_ : err_).append(buf, static_cast<size_t>(r));
+        if (r == 0) {
+            close(p[i].fd);
+            fds_[i + 1] = -1;
         }
     }
 }
 
-bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds timeout, int times) {
+bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    auto seen = [&] {
-        int n = 0;
-        for (size_t at = out_.find(text); at != std::string::npos; at = out_.find(text, at + 1))
-            ++n;
-        return n >= times;
-    };
-    while (!seen()) {
-        if (std::chrono::steady_clock::now() >= deadline || outFd_ < 0) return false;
+    while (out_.find(text) == std::string::npos) {
+        if (std::chrono::steady_clock::now() >= deadline || fds_[1] < 0) return false;
         Pump(10);
     }
     return true;
@@ -132,21 +117,19 @@ ProcessResult Child::Wait(std::chrono::milliseconds timeout) {
     if (reaped_) return result_;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     int status = 0;
-    for (;;) {
-        if (outFd_ >= 0 || errFd_ >= 0) {
-            Pump(5);
-        } else {
-            std::this_thread::sleep_for(2ms);
-        }
-        if (waitpid(pid_, &status, WNOHANG) == pid_) break;
+    while (waitpid(pid_, &status, WNOHANG) != pid_) {
         if (std::chrono::steady_clock::now() >= deadline) {
-            result_.timedOut = true;
             kill(pid_, SIGKILL);
             waitpid(pid_, &status, 0);
             break;
         }
+        if (fds_[1] >= 0 || fds_[2] >= 0) {
+            Pump(5);
+        } else {
+            std::this_thread::sleep_for(2ms);
+        }
     }
-    while (outFd_ >= 0 || errFd_ >= 0) Pump(100);
+    while (fds_[1] >= 0 || fds_[2] >= 0) Pump(100);
     reaped_ = true;
     if (WIFEXITED(status)) result_.exitCode = WEXITSTATUS(status);
     if (WIFSIGNALED(status)) result_.signal = WTERMSIG(status);
@@ -158,8 +141,7 @@ ProcessResult Child::Wait(std::chrono::milliseconds timeout) {
 ProcessResult Run(const std::string& program, const std::string& role,
                   const std::vector<std::string>& args, const std::vector<std::string>& env,
                   const std::string& cwd, std::chrono::milliseconds timeout) {
-    Child child(program, role, args, env, cwd);
-    return child.Wait(timeout);
+    return Child(program, role, args, env, cwd).Wait(timeout);
 }
 
 bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
@@ -172,9 +154,8 @@ bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds time
 }
 
 std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 
@@ -183,13 +164,17 @@ void WriteFile(const std::string& path, const std::string& bytes, bool append) {
 }
 
 bool Exists(const std::string& path) {
-    struct stat st {};
-    return stat(path.c_str(), &st) == 0;
+    return FileSize(path) >= 0;
 }
 
 long FileSize(const std::string& path) {
     struct stat st {};
     return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
+}
+
+void Figure(const std::string& text) {
+    std::printf("[ figures  ] %s\n", text.c_str());
+    std::fflush(stdout);
 }
 
 std::string CaptureFd(int fd, const std::function<void()>& fn) {
@@ -204,9 +189,9 @@ std::string CaptureFd(int fd, const std::function<void()>& fn) {
     dup2(saved, fd);
     close(saved);
     std::string text;
-    lseek(tmp, 0, SEEK_SET);
     char buf[4096];
-    for (ssize_t n; (n = read(tmp, buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+    for (ssize_t n, at = 0; (n = pread(tmp, buf, sizeof buf, at)) > 0; at += n)
+        text.append(buf, static_cast<size_t>(n));
     close(tmp);
     return text;
 }
@@ -216,27 +201,16 @@ std::string Unscramble(std::string bytes) {
     return bytes;
 }
 
-std::vector<Record> WalkRecords(const std::string& bytes, size_t* consumed) {
+std::vector<Record> WalkRecords(const std::string& bytes, std::uint64_t* skipped) {
     std::vector<Record> records;
-    size_t pos = 0;
-    while (bytes.size() - pos >= sizeof(PF::Utils::LOG::LogHead)) {
-        Record r;
-        std::memcpy(&r.head, bytes.data() + pos, sizeof r.head);
-        const size_t body =
-            size_t{r.head.functionLen} + r.head.programLen + r.head.tagLen + r.head.contentLen;
-        if (bytes.size() - pos - 32 < body) break;
-        size_t at = pos + 32;
-        for (auto [field, len] : {std::pair{&r.function, size_t{r.head.functionLen}},
-                                  {&r.program, size_t{r.head.programLen}},
-                                  {&r.tag, size_t{r.head.tagLen}},
-                                  {&r.content, size_t{r.head.contentLen}}}) {
-            *field = bytes.substr(at, len);
-            at += len;
-        }
-        pos = at;
-        records.push_back(std::move(r));
-    }
-    if (consumed != nullptr) *consumed = pos;
+    PF::Utils::LOG::RecordWalker walker;
+    const auto keep = [&records](PF::Utils::LOG::WalkedRecord& w) {
+        records.push_back({w.head, std::string(w.function), std::string(w.program),
+                           std::string(w.tag), std::string(w.content)});
+    };
+    walker.Feed(bytes.data(), bytes.size(), keep);
+    walker.Finish(keep);
+    if (skipped != nullptr) *skipped += walker.SkippedBytes();
     return records;
 }
 
@@ -244,16 +218,15 @@ std::string MakeRecord(const std::string& function, const std::string& program,
                        const std::string& tag, const std::string& content, unsigned level,
                        unsigned valueType, bool binary, unsigned threadId, long long timeUs,
                        unsigned component) {
-    PF::Utils::LOG::LogHead h{};
-    h.flags = static_cast<std::uint16_t>((binary ? 8U : 0U) | level);
-    h.programLen = static_cast<std::uint16_t>(program.size());
-    h.functionLen = static_cast<std::uint16_t>(function.size());
-    h.tagLen = static_cast<std::uint16_t>(tag.size());
-    h.contentLen = static_cast<std::uint32_t>(content.size());
-    h.valueType = valueType;
-    h.threadId = threadId;
-    h.component = component;
-    h.timeUs = timeUs;
+    PF::Utils::LOG::LogHead h{static_cast<std::uint16_t>((binary ? 8U : 0U) | level),
+                              static_cast<std::uint16_t>(program.size()),
+                              static_cast<std::uint16_t>(function.size()),
+                              static_cast<std::uint16_t>(tag.size()),
+                              static_cast<std::uint32_t>(content.size()),
+                              valueType,
+                              threadId,
+                              component,
+                              timeUs};
     return std::string(reinterpret_cast<const char*>(&h), sizeof h) + function + program + tag +
            content;
 }
@@ -275,11 +248,6 @@ GlobalNamesLock::GlobalNamesLock() {
 GlobalNamesLock::~GlobalNamesLock() {
     RemoveGlobalNames();
     if (fd_ >= 0) close(fd_);
-}
-
-void Figure(const std::string& text) {
-    std::printf("[ figures  ] %s\n", text.c_str());
-    std::fflush(stdout);
 }
 
 }  // namespace zmtest

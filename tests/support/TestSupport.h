@@ -1,6 +1,5 @@
 // Plumbing shared by the tests: child processes started with a role name as
-// argv[0], files, captured output, and a small independent reader of the
-// record stream (deliberately not the library's decoder).
+// argv[0], files, captured output, and records built and walked.
 #pragma once
 
 #include <sys/types.h>
@@ -19,7 +18,6 @@ using namespace std::chrono_literals;
 struct ProcessResult {
     int exitCode = -1;  // -1 when killed by a signal
     int signal = 0;
-    bool timedOut = false;
     std::string out;
     std::string err;
 };
@@ -38,10 +36,8 @@ class Child {
     pid_t Pid() const { return pid_; }
     void Signal(int sig) const;
     void Send(const std::string& line);  // one line to its stdin
-    // Waits for text to be in stdout (times times); false when the deadline
-    // passed first.
-    bool WaitForOutput(const std::string& text, std::chrono::milliseconds timeout = 10s,
-                       int times = 1);
+    // Waits for text to be in stdout; false when the deadline passed first.
+    bool WaitForOutput(const std::string& text, std::chrono::milliseconds timeout = 10s);
     // Waits for the end (SIGKILL after the timeout) and returns everything.
     ProcessResult Wait(std::chrono::milliseconds timeout = 30s);
     const std::string& OutSoFar() const { return out_; }
@@ -49,11 +45,8 @@ class Child {
   private:
     void Pump(int timeoutMs);
     pid_t pid_ = -1;
-    int inFd_ = -1;
-    int outFd_ = -1;
-    int errFd_ = -1;
-    std::string out_;
-    std::string err_;
+    int fds_[3] = {-1, -1, -1};  // its stdin, stdout, stderr
+    std::string out_, err_;
     bool reaped_ = false;
     ProcessResult result_;
 };
@@ -72,36 +65,46 @@ bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds time
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes, bool append = false);
 bool Exists(const std::string& path);
+long FileSize(const std::string& path);  // -1 when missing
 // A measured figure, printed as "[ figures  ] text" beside the test's output.
 void Figure(const std::string& text);
-long FileSize(const std::string& path);  // -1 when missing
 // Captures what fn writes to fd 1 or 2 (through dup2).
 std::string CaptureFd(int fd, const std::function<void()>& fn);
 
 // Inverts bit 7 of every byte (the archiver's scrambling is its own inverse).
 std::string Unscramble(std::string bytes);
 
-// One record of the stream, read field by field.
+// One record of the stream.
 struct Record {
     PF::Utils::LOG::LogHead head{};
-    std::string function;
-    std::string program;
-    std::string tag;
-    std::string content;
+    std::string function, program, tag, content;
 };
-// Walks well-formed records from the start; stops at the first header whose
-// body does not fit. consumed tells how far it got.
-std::vector<Record> WalkRecords(const std::string& bytes, size_t* consumed = nullptr);
+// The records of a stream as the readers of the log walk it: damaged bytes
+// are skipped, and counted in skipped.
+std::vector<Record> WalkRecords(const std::string& bytes, std::uint64_t* skipped = nullptr);
 // Builds one record exactly as the writer lays it out.
 std::string MakeRecord(const std::string& function, const std::string& program,
                        const std::string& tag, const std::string& content, unsigned level = 2,
                        unsigned valueType = 0, bool binary = false, unsigned threadId = 4711,
                        long long timeUs = 1700000000123456LL, unsigned component = 0);
 
+// The content of record seq of a helper's writer thread t: "<role>-<seq>"
+// (and "/<t>" past thread 0), filled up to size with letters that depend
+// on all four, so that a record cut, shifted or mixed with another never
+// reads back as one.
+inline std::string SeqContent(const std::string& role, unsigned t, unsigned long seq,
+                              std::size_t size) {
+    std::string text = role + "-" + std::to_string(seq) + (t ? "/" + std::to_string(t) : "");
+    std::uint64_t x = ((std::uint64_t{t} << 48) ^ (std::uint64_t{size} << 24) ^ seq) + 1;
+    x = (x ^ (x >> 31)) * 0x9E3779B97F4A7C15ULL;
+    if (text.size() < size) text.push_back(' ');
+    while (text.size() < size) text.push_back(static_cast<char>('a' + (x + text.size()) % 26));
+    return text;
+}
+
 // Serialises the tests that use "ZMLOG", "/WriteLOG" and "/ReadLOG" (an
-// flock beside them in /dev/shm) and removes leftovers of those names on
-// entry and exit. Where the test process has a /dev/shm of its own (see
-// TestMain.cpp) the names are its own and nothing waits.
+// flock beside them) and removes leftovers of those names on entry and exit;
+// where the test process has a /dev/shm of its own nothing waits.
 class GlobalNamesLock {
   public:
     GlobalNamesLock();
