@@ -47,31 +47,13 @@ TEST(ConsolePath, ConfiguredProcessEchoesItsLinesAndWritesItsOwnLog) {
               records);
 }
 
-namespace {
-
 // A private ring in this process, as a process without an installation has.
-class ConsolePathInProcess : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        ConfManager::outputMode = true;
-        ConfManager::sConsole = true;
-        ASSERT_TRUE(MEMManager::CreateMEM(kSegmentSize));
-        ASSERT_TRUE(RingHead::Init(MEMManager::memInfo.address, static_cast<int>(kSegmentSize),
-                                   RingHead::instance));
-    }
-    void TearDown() override {
-        RingHead::instance = nullptr;
-        MEMManager::DeleteSHM();
-        ConfManager::outputMode = savedMode_;
-        ConfManager::sConsole = savedConsole_;
-    }
-    const bool savedMode_ = ConfManager::outputMode;
-    const bool savedConsole_ = ConfManager::sConsole;
-};
-
-}  // namespace
-
-TEST_F(ConsolePathInProcess, LinesOverOneMebibyteAreNeitherQueuedNorShown) {
+TEST(ConsolePathInProcess, LinesOverOneMebibyteAreNeitherQueuedNorShown) {
+    const bool savedMode = ConfManager::outputMode, savedConsole = ConfManager::sConsole;
+    ConfManager::outputMode = ConfManager::sConsole = true;
+    ASSERT_TRUE(MEMManager::CreateMEM(kSegmentSize));
+    ASSERT_TRUE(RingHead::Init(MEMManager::memInfo.address, static_cast<int>(kSegmentSize),
+                               RingHead::instance));
     // date and time 23, four "|", "INFO", the newline; function "f", tag "t".
     const std::size_t fixed = 23 + 4 + 4 + 1 + std::to_string(syscall(SYS_gettid)).size() + 2;
     std::vector<char> queued(kSegmentSize);
@@ -84,4 +66,8 @@ TEST_F(ConsolePathInProcess, LinesOverOneMebibyteAreNeitherQueuedNorShown) {
             << "line of " << lineSize;
         EXPECT_EQ(shown.size(), expected) << "line of " << lineSize;
     }
+    RingHead::instance = nullptr;
+    MEMManager::DeleteSHM();
+    ConfManager::outputMode = savedMode;
+    ConfManager::sConsole = savedConsole;
 }

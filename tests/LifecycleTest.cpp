@@ -38,11 +38,15 @@ TEST(Lifecycle, EachProcessTakesItsRoleAtLoad) {
         {"ZMRuntime",
          Installation::kConfig,
          {"start", "private=none.cfg,.", "probe"},
-         "started\nconfigured\nup=1 ring=1 threads=LogHelper,ShmReadToBinary\n"},
+         "started\nconfigured\nup=1 ring=1 threads=LogHelper,ShmReadToBinary\nnone.cfg not to "
+         "open\n"},
+        // Binding the archiver to a CPU that is not there is reported.
+        {"SomeTool", "", {"bind=2000"}, "bound\npthread_setaffinity_np error\n"},
     };
     for (const auto& c : cases) {
         Installation install(c.config);
-        EXPECT_EQ(install.Run(c.role, c.steps).out, c.out) << c.role;
+        const auto r = install.Run(c.role, c.steps);
+        EXPECT_EQ(r.out + r.err, c.out) << c.role;
         EXPECT_FALSE(Exists("/dev/shm/ZMLOG"));
     }
 }
@@ -107,11 +111,6 @@ TEST(Lifecycle, LevelChangesReachEveryWriter) {
     runtime.Release();
     // At WARN and above the release writes no notice.
     EXPECT_TRUE(DecodedLog(install.DataFile()).records.empty());
-}
-
-TEST(Lifecycle, BindingTheArchiverToAMissingCpuIsReported) {
-    const auto r = Installation("").Run("SomeTool", {"bind=2000"});
-    EXPECT_EQ(r.out + r.err, "bound\npthread_setaffinity_np error\n");
 }
 
 // A process without an installation that simply returns from main: its

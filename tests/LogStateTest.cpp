@@ -56,17 +56,3 @@ TEST_F(LogStateTest, TransitionsOfTheStateTable) {
     EXPECT_EQ(ring->LoadActive(), 0U);
     EXPECT_EQ(state->active, 0U);
 }
-
-TEST_F(LogStateTest, WithoutARingOnlyTheStateChanges) {
-    RingHead::instance = nullptr;
-    auto& state = LogStateManager::GetInstance();
-    EXPECT_EQ(state->active, 0U);
-    SetLogActive(1);
-    EXPECT_EQ(state->active, 1U);
-    EXPECT_FALSE(StopLog());
-    EXPECT_FALSE(StartLog(install.LogDir()));
-    EXPECT_FALSE(ArchiverRunning());
-    SetLogLevel(5);
-    RingHead::instance = ring;
-    EXPECT_EQ(ring->LoadLevel(), 0U);
-}

@@ -1,51 +1,139 @@
-// A real rsyslogd for the forwarding tests, started in the foreground by the
-// test on 127.0.0.1 with a free port and a configuration, pid file and work
-// directory of its own. Whatever it receives it writes to a file as it
-// arrived (the raw message, one a line); a ruleset without a queue writes
-// each message before the acknowledgement RELP sends for it, so a SIGKILL
-// loses nothing that was acknowledged.
+// A real rsyslogd for the forwarding tests, started in the foreground on
+// 127.0.0.1 with a free port and a configuration and work directory of its
+// own. It writes what it receives to a file as it arrived (the raw message,
+// one a line); a ruleset without a queue writes each message before RELP's
+// acknowledgement for it, so a SIGKILL loses nothing acknowledged.
 #pragma once
 
-#include <sys/types.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/TestSupport.h"
+
 namespace zmtest {
 
+inline std::string RsyslogConfig(const std::string& dir, const std::string& input, int port,
+                                 const std::string& certs) {
+    const std::string ca = certs + "/ca.pem", cert = certs + "/server.pem",
+                      key = certs + "/server.key";
+    std::string c = "global(workDirectory=\"" + dir + "/work\" maxMessageSize=\"64k\"";
+    if (input == "tls")
+        c += " defaultNetstreamDriverCAFile=\"" + ca + "\" defaultNetstreamDriverCertFile=\"" +
+             cert + "\" defaultNetstreamDriverKeyFile=\"" + key + "\"";
+    const std::string module = input == "tls" || input == "tcp" ? "imtcp"
+                               : input == "udp"                 ? "imudp"
+                                                                : "imrelp";
+    c += ")\nmodule(load=\"" + module + "\"";
+    if (input == "tls")
+        c += " streamDriver.name=\"gtls\" streamDriver.mode=\"1\" "
+             "streamDriver.authMode=\"x509/certvalid\"";
+    c += ")\ntemplate(name=\"raw\" type=\"string\" string=\"%rawmsg%\\n\")\n"
+         "ruleset(name=\"in\" queue.type=\"Direct\") {\n  action(type=\"omfile\" file=\"" +
+         dir + "/received\" template=\"raw\")\n}\ninput(type=\"" + module + "\" port=\"" +
+         std::to_string(port) + "\" address=\"127.0.0.1\" ruleset=\"in\"";
+    // A burst of datagrams must not overflow the socket.
+    if (input == "udp") c += " rcvbufSize=\"16m\"";
+    if (input == "relp-tls")
+        c += " tls=\"on\" tls.caCert=\"" + ca + "\" tls.myCert=\"" + cert + "\" tls.myPrivKey=\"" +
+             key + "\" tls.authMode=\"certvalid\"";
+    return c + ")\n";
+}
+
 // A CA, and a server and a client certificate from it (for localhost and
-// 127.0.0.1), made with openssl in dir: ca.pem, server.pem/.key,
-// client.pem/.key.
-bool MakeTestCertificates(const std::string& dir);
+// 127.0.0.1) in dir: ca.pem, server.pem/.key, client.pem/.key.
+inline bool MakeTestCertificates(const std::string& dir) {
+    const std::string script = R"(set -e
+cd "$1"
+key() { openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$1"; }
+key ca.key
+openssl req -x509 -new -key ca.key -out ca.pem -days 2 -subj "/CN=zmlog test CA"
+for who in server client; do
+  key $who.key
+  openssl req -new -key $who.key -out $who.csr -subj /CN=localhost
+  printf 'subjectAltName=IP:127.0.0.1,DNS:localhost\nextendedKeyUsage=serverAuth,clientAuth\n' >$who.ext
+  openssl x509 -req -in $who.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out $who.pem \
+    -days 2 -extfile $who.ext
+done
+)";
+    return Run("/bin/sh", "sh", {"-c", script, "sh", dir}).exitCode == 0;
+}
 
 class Rsyslog {
   public:
-    // input: "tcp", "tls", "udp", "relp" or "relp-tls"; certificates from
-    // MakeTestCertificates in certDir for the TLS ones (clients must show one).
-    Rsyslog(const std::string& dir, const std::string& input, const std::string& certDir = "");
-    ~Rsyslog();
-    Rsyslog(const Rsyslog&) = delete;
-    Rsyslog& operator=(const Rsyslog&) = delete;
-
+    // input: "tcp", "tls", "udp", "relp" or "relp-tls"; the TLS ones use the
+    // certificates of MakeTestCertificates in certDir (clients must show one).
+    Rsyslog(const std::string& dir, const std::string& input, const std::string& certDir = "")
+        : dir_(dir), input_(input) {
+        // A port nobody listens on now: the kernel's choice of a free one.
+        const int fd = ::socket(AF_INET, input == "udp" ? SOCK_DGRAM : SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+            ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
+            port_ = ntohs(a.sin_port);
+        ::close(fd);
+        std::filesystem::create_directories(dir_ + "/work");
+        WriteFile(dir_ + "/rsyslog.conf", RsyslogConfig(dir_, input_, port_, certDir));
+    }
     // rsyslogd and the modules the inputs need are installed.
-    static bool Available();
-
+    static bool Available() {
+        return Exists("/usr/sbin/rsyslogd") && Exists("/usr/bin/openssl") &&
+               Exists("/usr/lib/x86_64-linux-gnu/rsyslog/imrelp.so") &&
+               Exists("/usr/lib/x86_64-linux-gnu/rsyslog/lmnsd_gtls.so");
+    }
     // Starts it and waits until it listens; false when it did not.
-    bool Start();
-    void Kill();  // SIGKILL
-    int Port() const { return port_; }
-    std::string Url() const;
-    // The messages received so far.
-    std::vector<std::string> Received() const;
-    std::string Errors() const;  // what rsyslogd printed
+    bool Start() {
+        process_ = std::make_unique<Child>(
+            "/bin/sh", "sh",
+            std::vector<std::string>{"-c", "exec /usr/sbin/rsyslogd -n -f " + dir_ +
+                                               "/rsyslog.conf -i " + dir_ + "/pid >>" + dir_ +
+                                               "/out 2>&1"});
+        return WaitUntil([&] { return Listening(); });
+    }
+    void Kill() {  // SIGKILL
+        process_.reset();
+        std::filesystem::remove(dir_ + "/pid");
+    }
+    std::string Url() const {
+        return (input_ == "relp-tls" ? "relp" : input_) + "://127.0.0.1:" + std::to_string(port_);
+    }
+    // The messages received so far: whole lines only, it may be writing one.
+    std::vector<std::string> Received() const {
+        const std::string text = ReadFile(dir_ + "/received");
+        std::vector<std::string> lines;
+        for (std::size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos;
+             at = end + 1)
+            lines.push_back(text.substr(at, end - at));
+        return lines;
+    }
+    std::string Errors() const { return ReadFile(dir_ + "/out"); }
 
   private:
-    bool Listening() const;
+    // Local address 127.0.0.1:port, listening (TCP 0A) or bound (UDP 07).
+    bool Listening() const {
+        char want[32];
+        std::snprintf(want, sizeof want, "0100007F:%04X", port_);
+        std::istringstream table(ReadFile(input_ == "udp" ? "/proc/net/udp" : "/proc/net/tcp"));
+        for (std::string line, slot, local, remote, state; std::getline(table, line);) {
+            std::istringstream(line) >> slot >> local >> remote >> state;
+            if (local == want && state == (input_ == "udp" ? "07" : "0A")) return true;
+        }
+        return false;
+    }
 
-    std::string dir_;
-    std::string input_;
+    std::string dir_, input_;
     int port_ = 0;
-    pid_t pid_ = -1;
+    std::unique_ptr<Child> process_;
 };
 
 }  // namespace zmtest
