@@ -1,6 +1,5 @@
-// The library's decoder: the line of a record, its content by type, the hex
-// dump of binary content, and the parser that splits a buffer of records by
-// program, in one shot or as a stream.
+// The library's decoder: lines, typed contents, hex dumps, and the parser
+// that splits a buffer of records by program.
 #include <gtest/gtest.h>
 
 #include <cstdint>

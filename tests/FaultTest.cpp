@@ -1,6 +1,5 @@
-// The runtime killed and started again, with real processes: the writers
-// follow it by themselves and lose nothing, and each new runtime takes over
-// what the old ring still held, or says that it could not.
+// The runtime killed and started again: its writers follow it and lose
+// nothing; the new one takes over the old ring's records, or says it cannot.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -12,12 +11,9 @@
 
 using namespace zmtest;
 
-// The runtime dies by SIGKILL while a writer logs a record every 2 ms, and
-// a new one starts after a pause, five times; the writer never attaches by
-// hand. Every record it wrote arrives, in order, with each new runtime's
-// notice of what it recovered from the old ring; a writer started after the
-// first restart logs beside it under the one lock; the writer ends up with
-// one mapping of "ZMLOG".
+// Five SIGKILLs of the runtime under a writer that never re-attaches by hand,
+// and a second writer from the first restart on: every record arrives, in
+// order, each restart says what it recovered, one mapping of "ZMLOG" is left.
 TEST(Fault, RuntimeKilledAndStartedAgainLosesNothing) {
     Installation install;
     auto runtime = std::make_unique<Runtime>(install);
@@ -67,9 +63,8 @@ TEST(Fault, RuntimeKilledAndStartedAgainLosesNothing) {
     EXPECT_EQ(notices, 5);
 }
 
-// A runtime killed while no one drains a ring that overflows: the next one
-// finds the newest records and writes them first. One that finds a ring
-// whose header makes no sense recovers nothing, says so, and runs.
+// The next runtime writes the newest records of an overflowed ring first; of a
+// ring whose header makes no sense it recovers nothing, says so, and runs.
 TEST(Fault, NewRuntimeRecoversTheNewestRecordsOrNothingOfADamagedRing) {
     Installation install;
     std::make_unique<Runtime>(install)->Process().Signal(SIGKILL);

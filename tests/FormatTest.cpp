@@ -1,6 +1,5 @@
-// The library's printf-style formatter writes exactly what snprintf writes:
-// a table of formats and arguments, each compared byte for byte; and the
-// formats it does not take are left to snprintf.
+// The library's printf-style formatter writes exactly what snprintf writes,
+// and leaves the formats it does not take to snprintf.
 #include <gtest/gtest.h>
 
 #include <algorithm>

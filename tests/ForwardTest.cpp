@@ -1,8 +1,6 @@
-// Forwarding to syslog: each record as the RFC 5424 message it must be, and
-// zmlog --forward against a real rsyslogd on 127.0.0.1: a rolled, partly
-// damaged log arrives once, in order, over every transport; a cursor file
-// resumes where the last run stopped; over RELP nothing is lost when either
-// side is SIGKILLed. The end-to-end tests print sent, arrived, duplicated.
+// Forwarding to syslog: the RFC 5424 message of each record, and zmlog
+// --forward to a real rsyslogd over every transport, resumed by its cursor,
+// and over RELP with either side SIGKILLed.
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -114,9 +112,8 @@ std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
-// Prints and returns how many of the expected messages arrived (each counted
-// once), how many arrived again, and whether all that arrived were expected
-// and came first in log order.
+// Of the messages received: the expected ones (once each), those again, and
+// whether all were expected and first came in log order.
 struct Figures {
     std::size_t distinct = 0, duplicated = 0;
     bool known = true, inOrder = true;
@@ -244,9 +241,8 @@ INSTANTIATE_TEST_SUITE_P(Transports, ForwardTransportTest,
                              return name == "relp-tls" ? std::string("relptls") : name;
                          });
 
-// Over RELP the collector is SIGKILLed in the middle of a stream and started
-// again, and the forwarder is SIGKILLed and started again: every record
-// arrives, a few twice.
+// Over RELP, the collector and then the forwarder SIGKILLed mid-stream and
+// started again: every record arrives, a few twice.
 TEST_F(ForwardTest, RelpLosesNothingWhenEitherSideIsKilled) {
     if (!zmtest::Rsyslog::Available()) GTEST_SKIP() << "rsyslog or openssl not installed";
     zmtest::Rsyslog rsyslog(install.Root() + "/rsyslog", "relp");

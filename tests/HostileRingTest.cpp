@@ -1,6 +1,5 @@
-// The shared ring as untrusted input: any process of the installation may
-// write its header, its bytes and its lock. Whatever it writes, no process
-// dies, and the runtime repairs the ring within about a second.
+// The shared ring as untrusted input: whatever a process writes into it, no
+// process dies, and the runtime repairs the ring within about a second.
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -88,9 +87,8 @@ TEST(HostileRing, EveryDamageIsSurvivedAndTheLogFlowsAgainWithinASecondAndAHalf)
     Figure("records of both writers arrive again after:" + figures);
 }
 
-// With shmGroup the runtime makes the ring, its semaphores and the log its
-// group's only; without it, the modes every installation had (less the
-// umask); a name that is no group still shuts others out, and says so.
+// shmGroup gives the ring, its semaphores and the log to one group; an
+// unknown group still shuts others out, and says so.
 TEST(HostileRing, ShmGroupGivesTheRingAndTheLogToOneGroup) {
     const mode_t mask = umask(0);
     umask(mask);

@@ -1,6 +1,5 @@
-// Process roles with real processes, each in its own installation: what a
-// process becomes at load, the runtime's start and release, live changes of
-// the level, exit, unload, cycles and fork.
+// Process roles with real processes: load, start and release, level changes,
+// exit, unload, cycles and fork.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -51,11 +50,9 @@ TEST(Lifecycle, EachProcessTakesItsRoleAtLoad) {
     }
 }
 
-// A runtime that crashed leaves its semaphores and segment behind, a writer
-// died holding the lock; the next runtime replaces them. Three writers then
-// log at once (one loaded before the runtime, attaching later) and every
-// record reaches RUNTIME.data in order, but for those the lock's deadline
-// dropped, closed by the runtime's release notice.
+// After a crashed runtime and a writer dead with the lock, a new runtime and
+// three writers (one attaching late): every record arrives in order, then
+// the release notice.
 TEST(Lifecycle, EndToEndThroughTheRuntime) {
     Installation install;
     auto late = install.Start("BusBridge", {"probe", "wait", "attach", "log=2000"});
@@ -95,9 +92,8 @@ TEST(Lifecycle, EndToEndThroughTheRuntime) {
     EXPECT_EQ(notice.head.flags, 2);
 }
 
-// The level set by one writer, and the runtime's configuration edits (also
-// after the file was replaced by rename), reach every writer through the
-// shared header.
+// A writer's level, and edits of the configuration (also by rename), reach
+// every writer.
 TEST(Lifecycle, LevelChangesReachEveryWriter) {
     Installation install;
     Runtime runtime(install);
@@ -113,10 +109,8 @@ TEST(Lifecycle, LevelChangesReachEveryWriter) {
     EXPECT_TRUE(DecodedLog(install.DataFile()).records.empty());
 }
 
-// A process without an installation that simply returns from main: its
-// "<program>.log" ends with the release notice, formatted while every table
-// of the library is still alive; under valgrind the same exit shows no
-// invalid access and nothing definitely lost.
+// A private log's process returning from main: its log ends with the release
+// notice; valgrind sees no invalid access and no definite leak.
 TEST(Lifecycle, PrivateLogEndsWithTheReleaseNotice) {
     Installation install("");
     const std::string notice =
@@ -140,9 +134,7 @@ TEST(Lifecycle, PrivateLogEndsWithTheReleaseNotice) {
     EXPECT_NE(ReadFile(install.Root() + "/LogHelper.log").find(notice), std::string::npos);
 }
 
-// Two rounds of load and unload with dlopen, without an installation
-// (archiver thread) and as a writer of a runtime: each ends with the main
-// thread alone.
+// dlopen and dlclose twice, privately and as a writer: no thread is left.
 TEST(Lifecycle, UnloadLeavesNoThreadBehind) {
     for (bool writer : {false, true}) {
         Installation install(writer ? Installation::kConfig : "");
@@ -181,9 +173,8 @@ TEST(Lifecycle, ExitWhileThreadsLogNeverCrashes) {
     }
 }
 
-// Twenty starts and releases leave one configuration monitor behind, with
-// one inotify descriptor and one mapping of the ring; signals that interrupt
-// it do not stop it, and edits still apply.
+// Twenty start/release cycles leave one monitor, one inotify descriptor and
+// one mapping; signals do not stop the monitor.
 TEST(Lifecycle, OneMonitorAfterManyCyclesAndSignals) {
     Installation install("[log]\nlogLevel=info\n");
     auto runtime = install.Start("ZMRuntime",

@@ -1,6 +1,5 @@
-// The log states its own gaps: every record a process could not write is
-// counted and reported in the log, exactly; a process over its rate limit
-// loses its own records, not another's. (A full ring's notices: StressTest.)
+// Every record a process could not write is reported in the log, exactly
+// (a full ring's notices: StressTest); a rate limit costs others nothing.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -55,9 +54,8 @@ TEST(Loss, ALockHeldAwhileIsReportedExactly) {
            " records missing, as many reported");
 }
 
-// With a per-process limit, a process logging as fast as it can for a second
-// costs another process, logging every 2 ms, no record; the flood's own
-// notices add up to exactly what it lost.
+// A flood over its rate limit costs a steady writer nothing, and its notices
+// add up to what it lost.
 TEST(Loss, AFloodOverItsRateLimitCostsOthersNothing) {
     Installation install(std::string(Installation::kConfig) +
                          "rateLimitBurst=200\nrateLimitIntervalMs=100\n");

@@ -99,9 +99,8 @@ TEST_F(MacrosTest, PassingRecordsCarryLevelTagTextAndCallerName) {
     EXPECT_EQ(cut.content, texts[2].substr(0, cut.content.size()));
 }
 
-// Each record of a limited site states how many calls it passed over since
-// the site's last record: the suppressed counts and the records add up to
-// the calls, and (the interval's site) its records lie an interval apart.
+// A limited site's records say how many calls they passed over, and (an
+// interval's site) lie an interval apart.
 TEST_F(MacrosTest, LimitedSitesWriteSomeCallsAndCountTheRest) {
     auto checkSite = [&](const char* site, int lastWritten, long intervalUs) {
         int expectedNext = 0;

@@ -1,8 +1,5 @@
-// The log under load and under faults, with real processes: writer processes
-// of two threads each, a runtime whose archiver rolls the file, and a reading
-// of the whole rolled set afterwards that accounts for every record, byte for
-// byte. Sizes are for the suite; scripts/stress.sh runs the long version
-// through the ZMLOG_STRESS_* variables.
+// The log under load, every record accounted for byte for byte; small here,
+// full size in scripts/stress.sh (the ZMLOG_STRESS_* variables).
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -65,10 +62,8 @@ class Stress : public ::testing::Test {
 
 }  // namespace
 
-// Four processes of two threads write at a steady rate below the archiver's
-// capacity while the configuration is edited and the file rolls: every
-// record arrives exactly once, except those the lock deadline dropped, and
-// each of those is one its writer counted.
+// Eight writer threads below the archiver's capacity, while the file rolls
+// and the configuration is edited: all arrives but what the writers counted.
 TEST_F(Stress, NothingLostUnderLoad) {
     const unsigned long total = EnvNumber("ZMLOG_STRESS_RECORDS", 60000);
     const unsigned long rate = EnvNumber("ZMLOG_STRESS_RATE", 40000);  // records/s, all threads
@@ -119,10 +114,8 @@ TEST_F(Stress, NothingLostUnderLoad) {
            std::to_string(edits) + " edits");
 }
 
-// A burst far above what the archiver drains in a tick: the ring empties
-// itself so that the newest records win, and says so. What arrives is still
-// whole and in order, and the ring works afterwards: one record more per
-// thread arrives.
+// A burst far above the archiver's capacity: the ring empties itself, says
+// so, and what arrives is whole and in order; the ring works afterwards.
 TEST_F(Stress, OverloadLosesOldRecordsButNeverCorruptsTheFile) {
     const unsigned long perThread = EnvNumber("ZMLOG_STRESS_BURST", 40000);
     Runtime runtime(install);
@@ -166,13 +159,9 @@ TEST_F(Stress, OverloadLosesOldRecordsButNeverCorruptsTheFile) {
            std::to_string(arrived) + " arrived");
 }
 
-// Writers SIGKILLed at random points of a burst of large records, again and
-// again, while other writers go on. A kill inside the lock leaves the ring
-// locked, with the victim's record half-written; nobody calls ResetShm: the
-// runtime sees the lock stay taken, takes it over after about a second, drops
-// the unfinished record and drains the rest. The survivors never wait much
-// longer than the 1 ms deadline, and every record of theirs arrives except
-// those the deadline dropped, which they counted.
+// Writers SIGKILLed mid-record, a dead one holding the lock: the runtime takes
+// the lock over within about a second; the survivors never wait and lose
+// nothing they did not count.
 TEST_F(Stress, SurvivorsOutliveWritersKilledMidRecord) {
     const unsigned long kills = EnvNumber("ZMLOG_STRESS_KILLS", 20);
     Runtime runtime(install);

@@ -32,10 +32,8 @@ TEST_F(WriterTest, TextRecordLayout) {
                                 static_cast<unsigned>(gettid()), h.timeUs, 0x34567890U));
 }
 
-// Record times come from the time-stamp counter scaled by anchors on the
-// system clock, renewed every 100 ms: over several renewals each time still
-// lies between two readings of the system clock (give or take the scale's
-// error, far below this bound).
+// Record times, from the time-stamp counter and anchors renewed every 100 ms,
+// lie between two readings of the system clock.
 TEST(RecordClock, FollowsTheSystemClockAcrossAnchorRenewals) {
     auto systemUs = [] {
         timespec now{};

@@ -1,6 +1,5 @@
-// zmlog: its formats, times and record source on logs built in memory, and
-// the program run as operators run it, on files written here (scrambled, as
-// the archiver stores them), its output compared letter for letter.
+// zmlog: its formats and times in memory, and the program run on log files
+// written here, its output compared letter for letter.
 #include <signal.h>
 
 #include <algorithm>
@@ -282,10 +281,8 @@ TEST_F(ZmlogRun, SaysWhatItCouldNotReadAndNothingElse) {
     }
 }
 
-// The follower prints what is appended, and every record once, in order,
-// when the log rolls twice while it is stopped (as when its output blocks):
-// those of the file created and rolled away meanwhile and those cut by a
-// roll included.
+// The follower prints every record once, in order, also when the log rolls
+// twice while it is stopped (as when its output blocks).
 TEST_F(ZmlogRun, FollowerPrintsEveryRecordOnceAcrossRolls) {
     std::string expected;
     int next = 0;

@@ -1,7 +1,5 @@
-// Loads and unloads the library with dlopen/dlclose (it is not linked in), and
-// reports the threads before and after: nothing of the library may keep
-// running once it is unloaded.
-//   DlopenProbe <library file>
+// DlopenProbe <library file>: loads and unloads it twice (it must not be
+// linked in) and says which threads run after each.
 #include <dlfcn.h>
 
 #include <chrono>

@@ -10,9 +10,7 @@
 
 namespace zmtest {
 
-// A fresh installation in a temporary directory: the configuration in
-// <root>/home/conf, the log in <root>/data/log. Holds the shared names for
-// the test, and removes everything at the end.
+// A fresh installation in a temporary directory, removed at the end.
 class Installation {
   public:
     static constexpr const char* kConfig = "[log]\nlogActive=true\nlogLevel=trace\n";
@@ -52,8 +50,7 @@ class Installation {
     bool exported_ = false;
 };
 
-// The installation's runtime, "ZMRuntime" running the helper: started at
-// construction, released (twice: the second release finds nothing) on
+// The installation's runtime, released (twice: the second finds nothing) on
 // request, and checked to end cleanly and silently.
 class Runtime {
   public:
@@ -65,8 +62,7 @@ class Runtime {
     std::unique_ptr<Child> child_;
 };
 
-// What reached the log: the rolled set of RUNTIME.data, oldest first,
-// unscrambled and walked record by record; from skips that many bytes of
+// The records of the rolled set, oldest first; from skips that many bytes of
 // the current file.
 struct DecodedLog {
     explicit DecodedLog(const std::string& dataFile, long from = 0);

@@ -1,6 +1,5 @@
-// A test that owns the shared ring in this process, as the runtime would:
-// semaphores and "ZMLOG" created, header initialised, logging active at
-// TRACE. Removed again afterwards.
+// A test that owns the shared ring in this process, as the runtime would,
+// logging active at TRACE.
 #pragma once
 
 #include <gtest/gtest.h>

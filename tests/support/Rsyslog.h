@@ -1,8 +1,5 @@
-// A real rsyslogd for the forwarding tests, started in the foreground on
-// 127.0.0.1 with a free port and a configuration and work directory of its
-// own. It writes what it receives to a file as it arrived (the raw message,
-// one a line); a ruleset without a queue writes each message before RELP's
-// acknowledgement for it, so a SIGKILL loses nothing acknowledged.
+// A real rsyslogd on 127.0.0.1 that writes each raw message to a file before
+// acknowledging it (no queue), so a SIGKILL loses nothing acknowledged.
 #pragma once
 
 #include <netinet/in.h>

@@ -1,9 +1,6 @@
-// The suite's main. Where the system allows it (as root, or in a user
-// namespace of its own) the test process mounts a /dev/shm of its own before
-// any test runs, so the names "ZMLOG", "/WriteLOG" and "/ReadLOG" of it and
-// of the helper processes it starts are theirs alone: tests then run side by
-// side, and never touch the ring of a runtime that runs on the same machine.
-// Elsewhere GlobalNamesLock serialises the tests that use the names.
+// The suite's main: where allowed (root, or a user namespace) it mounts a
+// /dev/shm of its own, so that tests run side by side and never touch a
+// runtime of the machine; elsewhere GlobalNamesLock serialises them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>

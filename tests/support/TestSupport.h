@@ -22,9 +22,8 @@ struct ProcessResult {
     std::string err;
 };
 
-// A running program with argv[0] = role; its stdin is a pipe the test writes
-// to, its stdout and stderr are captured. env entries "NAME=value" are added
-// to this environment (or replace a variable; "NAME" alone removes it).
+// A program run with argv[0] = role, stdin from the test, stdout and stderr
+// captured; env entries "NAME=value" are set, "NAME" unset.
 class Child {
   public:
     Child(const std::string& program, const std::string& role, const std::vector<std::string>& args,
@@ -88,10 +87,8 @@ std::string MakeRecord(const std::string& function, const std::string& program,
                        unsigned valueType = 0, bool binary = false, unsigned threadId = 4711,
                        long long timeUs = 1700000000123456LL, unsigned component = 0);
 
-// The content of record seq of a helper's writer thread t: "<role>-<seq>"
-// (and "/<t>" past thread 0), filled up to size with letters that depend
-// on all four, so that a record cut, shifted or mixed with another never
-// reads back as one.
+// A helper record: "<role>-<seq>[/<t>]" filled to size with letters that
+// depend on all four, so that no record cut or mixed reads back as one.
 inline std::string SeqContent(const std::string& role, unsigned t, unsigned long seq,
                               std::size_t size) {
     std::string text = role + "-" + std::to_string(seq) + (t ? "/" + std::to_string(t) : "");
@@ -102,9 +99,8 @@ inline std::string SeqContent(const std::string& role, unsigned t, unsigned long
     return text;
 }
 
-// Serialises the tests that use "ZMLOG", "/WriteLOG" and "/ReadLOG" (an
-// flock beside them) and removes leftovers of those names on entry and exit;
-// where the test process has a /dev/shm of its own nothing waits.
+// Serialises the tests that use the shared names where the test process has
+// no /dev/shm of its own, and removes leftovers of them.
 class GlobalNamesLock {
   public:
     GlobalNamesLock();
