@@ -50,7 +50,7 @@ namespace PF::Utils::LOG::detail {
 // The writer's filters, read without the lock: a stale value for one record
 // while a switch changes is harmless.
 inline bool LogEnabled(unsigned char level, unsigned long component) noexcept {
-    const RingHead* ring = RingHead::instance;
+    const RingHead* ring = RingHead::GetInstance();
     if (ring == nullptr || ring->LoadActive() != 1 || ring->LoadLevel() > level) return false;
     return component == 0 || (ring->LoadComponentMask() & component) != 0;
 }

@@ -15,7 +15,8 @@ class RingHead {
 
     // Lays a fresh header over base; refuses sizes 0..47.
     static bool Init(void* base, int size, RingHead*& out);
-    static RingHead* GetInstance() { return instance; }
+    // Any thread, at any moment: teardown clears the pointer while others log.
+    static RingHead* GetInstance() { return __atomic_load_n(&instance, __ATOMIC_ACQUIRE); }
 
     bool CheckValid();
     unsigned Count();
@@ -61,7 +62,10 @@ class RingHead {
     static void Retire(const void* base);
     // A ring mapped at base again takes records again.
     static void Unretire(const void* base);
-    bool Retired() const { return this == sRetired; }
+    bool Retired() const { return Retired(this); }
+    static bool Retired(const void* base) {
+        return base == __atomic_load_n(&sRetired, __ATOMIC_ACQUIRE);
+    }
     // Called, with the lock held, when a record found the ring full and its
     // unread bytes were thrown away: the writer puts notices in first.
     static void (*sOnEmptied)(RingHead* ring, unsigned discardedBytes);

@@ -116,10 +116,10 @@ inline bool GatePasses(std::int64_t timeUs) {
 // Hands a finished record to the ring.
 inline void Submit(char* record, unsigned total, std::int64_t timeUs) {
     if (!GatePasses(timeUs)) return;
-    RingHead* ring = RingHead::instance;
+    RingHead* ring = RingHead::GetInstance();
     if (ring == nullptr) return;
     if (__builtin_expect(ring->EnqueueWithin(record, total, kLockTimeoutNs) == 0, 0)) {
-        RingHead* again = FollowedNewRuntime(timeUs) ? RingHead::instance : nullptr;
+        RingHead* again = FollowedNewRuntime(timeUs) ? RingHead::GetInstance() : nullptr;
         if (again == nullptr || again->EnqueueWithin(record, total, kRestartWaitNs) == 0)
             CountLoss(Loss::kLockBusy, timeUs);
     }

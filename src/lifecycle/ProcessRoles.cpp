@@ -104,7 +104,7 @@ bool InitWriteProcess() {
     void* const base = SHMManager::shmInfo.address;
     RingHead::Adopt(base, SHMManager::shmInfo.size);
     RingHead::Unretire(base);
-    RingHead::instance = static_cast<RingHead*>(base);
+    __atomic_store_n(&RingHead::instance, static_cast<RingHead*>(base), __ATOMIC_RELEASE);
     RingHead::sRing = static_cast<char*>(base) + 48;
     return SemManager::Init();
 }
@@ -179,7 +179,7 @@ bool CloseReadThreadAndResource() {
     SleepMs100();  // the archiver drains the notice and whatever came before it
     ConfManager::StopThread();
     if (ShmArchiver::sShmArch) ShmArchiver::sShmArch->StopThread();
-    RingHead::instance = nullptr;
+    __atomic_store_n(&RingHead::instance, nullptr, __ATOMIC_RELEASE);
 
     if (IsUPEnvironment()) {
         if (MEMManager::memInfo.address != nullptr) RingHead::Retire(MEMManager::memInfo.address);

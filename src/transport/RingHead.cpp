@@ -84,13 +84,13 @@ bool RingHead::Sane() {
 bool RingHead::Init(void* base, int size, RingHead*& out) {
     // Compared as unsigned on the sign-extended value: a negative size passes.
     if (static_cast<unsigned long>(static_cast<long>(size)) < kHeaderSize) return false;
-    if (sRetired == base) sRetired = nullptr;
+    if (Retired(base)) __atomic_store_n(&sRetired, nullptr, __ATOMIC_RELEASE);
     Adopt(base, static_cast<unsigned long>(static_cast<long>(size)));
     std::memset(static_cast<char*>(base) + 8, 0, kHeaderSize - 8);
     auto* head = ::new (base) RingHead();  // cppcheck-suppress legacyUninitvar
     head->capacity = static_cast<unsigned>(size) - kHeaderSize;
     head->mask = static_cast<unsigned>(size) - kHeaderSize - 1;
-    out = head;
+    __atomic_store_n(&out, head, __ATOMIC_RELEASE);  // out may be the pointer others read
     sRing = static_cast<char*>(base) + kHeaderSize;
     FullFence();
     return true;
@@ -190,7 +190,7 @@ unsigned RingHead::Put(void* data, unsigned len, long lockTimeoutNs, bool noteEm
     if (len == 0) return 0;
     if (ConfManager::outputMode) {  // UP environment: the process mutex is the lock
         std::lock_guard<std::mutex> lock(MEMManager::mMutex);
-        if (this == sRetired || len > Load(mask)) return 0;
+        if (Retired() || len > Load(mask)) return 0;
         Insert(data, len, noteEmptied);
         return len;
     }
@@ -199,7 +199,7 @@ unsigned RingHead::Put(void* data, unsigned len, long lockTimeoutNs, bool noteEm
     unsigned accepted = 0;
     // Nothing into a ring being given up, nor under a lock that is no longer
     // the ring's (a re-attach replaced it meanwhile).
-    if (this != sRetired && taken == SemManager::Current() && len <= Load(mask)) {
+    if (!Retired() && taken == SemManager::Current() && len <= Load(mask)) {
         Insert(data, len, noteEmptied);
         // len even when the record was dropped: callers never learn of drops.
         accepted = len;
@@ -211,18 +211,18 @@ unsigned RingHead::Put(void* data, unsigned len, long lockTimeoutNs, bool noteEm
 void RingHead::Retire(const void* base) {
     if (IsUPEnvironment()) {
         std::lock_guard<std::mutex> lock(MEMManager::mMutex);
-        sRetired = base;
+        __atomic_store_n(&sRetired, base, __ATOMIC_RELEASE);
         return;
     }
     // Under the lock, so a writer copying right now finishes first (bounded
     // like any writer's wait).
     sem_t* taken = SemManager::TimedLock(kLockTimeoutNs);
-    sRetired = base;
+    __atomic_store_n(&sRetired, base, __ATOMIC_RELEASE);
     if (taken != nullptr) SemManager::Unlock(taken);
 }
 
 void RingHead::Unretire(const void* base) {
-    if (sRetired == base) __atomic_store_n(&sRetired, nullptr, __ATOMIC_RELEASE);
+    if (Retired(base)) __atomic_store_n(&sRetired, nullptr, __ATOMIC_RELEASE);
 }
 
 // Consumer side: reserve, copy, release.
@@ -276,7 +276,7 @@ unsigned RingHead::Dequeue(void* buf, unsigned len) {
     sem_t* taken = SemManager::TimedLock(kLockTimeoutNs);
     if (taken == nullptr) return 0;
     const unsigned n =
-        this != sRetired && taken == SemManager::Current() ? DequeueImp(buf, len) : 0;
+        !Retired() && taken == SemManager::Current() ? DequeueImp(buf, len) : 0;
     SemManager::Unlock(taken);
     return n;
 }

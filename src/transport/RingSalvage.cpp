@@ -34,6 +34,7 @@ void TakeRecords(const char* header, unsigned cap, Salvage& salvage) {
         salvage.damaged = true;
         return;
     }
+    if (unread == 0) return;
     const char* data = header + kHeaderSize;
     std::vector<char> bytes(unread);
     const unsigned pos = consTail & (cap - 1);

@@ -65,7 +65,7 @@ bool LossesPending() {
 }
 
 void ReportLosses(std::int64_t nowUs, long lockTimeoutNs) {
-    RingHead* ring = RingHead::instance;
+    RingHead* ring = RingHead::GetInstance();
     if (ring == nullptr || !gPending.exchange(false)) return;
     unsigned long lost[static_cast<unsigned>(Loss::kCount)];
     unsigned long total = 0;
