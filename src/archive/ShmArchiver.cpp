@@ -129,7 +129,7 @@ void ShmArchiver::StartThread() {
     std::memset(readBuffer_, 0, READ_BUFFER_LENGTH);
     running_.store(true);
     thread_ = std::thread(&ShmArchiver::WriteBinaryFile, this);
-    if (bindCpu_ != -1) ThreadManager::SetThreadAffinity(thread_, bindCpu_);
+    if (const int cpu = bindCpu_.load(); cpu != -1) ThreadManager::SetThreadAffinity(thread_, cpu);
     pthread_setname_np(thread_.native_handle(), "ShmReadToBinary");
 }
 
@@ -254,7 +254,7 @@ void ShmArchiver::SetSalvage(Salvage salvage) {
 }
 
 int ShmArchiver::WriteBinaryFile() {
-    ThreadManager::StartedByTheLibrary(bindCpu_);
+    ThreadManager::StartedByTheLibrary(bindCpu_.load());
     if (readBuffer_ == nullptr) {
         Report("Buffer Null");
         return 0;

@@ -80,7 +80,7 @@ class ShmArchiver {
     std::string filePath_;
     std::string programName_;
     std::thread thread_;
-    int bindCpu_ = -1;
+    std::atomic<int> bindCpu_{-1};  // set from the controlling thread while the thread starts
     std::vector<std::vector<char>> salvage_;
     RingGuard guard_;  // the shared ring's: seen and mended every tick
 };
