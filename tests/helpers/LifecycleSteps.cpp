@@ -27,6 +27,13 @@
 #include "log/ZMRuntimeLog.h"
 #include "support/ThreadNames.h"
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)  // the sanitizer builds are clang's
+#include <sanitizer/lsan_interface.h>
+#define ZMHELPER_LSAN 1
+#endif
+#endif
+
 using namespace PF::Utils::LOG;
 using namespace zmhelper;
 
@@ -52,6 +59,11 @@ std::string CpuList(const std::string& task) {
 }
 
 void ExitLogging(const std::string&, const std::string& args) {
+#ifdef ZMHELPER_LSAN
+    // Checked now instead of at exit, where the threads left running hold
+    // heap text on stacks the leak checker cannot read.
+    __lsan_do_leak_check();
+#endif
     for (unsigned long t = 0; t < Numbers(args).at(0); ++t) {
         std::thread([] {
             for (unsigned long i = 0;; ++i) {
