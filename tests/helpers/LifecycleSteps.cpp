@@ -38,6 +38,13 @@ using namespace PF::Utils::LOG;
 using namespace zmhelper;
 
 namespace {
+// For threads whose heap text is still in use when the process exits or
+// forks: the leak checker cannot read their stacks then.
+void NotLeakChecked() {
+#ifdef ZMHELPER_LSAN
+    __lsan_disable();
+#endif
+}
 
 // Task ids of this process's threads of that name.
 std::vector<std::string> Tasks(const std::string& name) {
@@ -59,13 +66,9 @@ std::string CpuList(const std::string& task) {
 }
 
 void ExitLogging(const std::string&, const std::string& args) {
-#ifdef ZMHELPER_LSAN
-    // Checked now instead of at exit, where the threads left running hold
-    // heap text on stacks the leak checker cannot read.
-    __lsan_do_leak_check();
-#endif
     for (unsigned long t = 0; t < Numbers(args).at(0); ++t) {
         std::thread([] {
+            NotLeakChecked();
             for (unsigned long i = 0;; ++i) {
                 ZMLOG_TRACE("exit", "filtered out below the level");
                 if (i % 1000 == 0) ZMLOG_INFO_F("exit", "record %lu", i);
@@ -128,6 +131,7 @@ void Fork(const std::string&, const std::string& args) {
     std::vector<std::thread> loggers;
     for (int t = 0; t < 4; ++t) {
         loggers.emplace_back([&stop] {
+            NotLeakChecked();
             while (!stop.load()) {
                 ZMLOG_INFO("parent", "busy");
                 std::this_thread::sleep_for(std::chrono::microseconds(100));
