@@ -28,12 +28,19 @@ REPO=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 SUPP=$REPO/tests/sanitizers
 JOBS=${SANITIZE_JOBS:-$(nproc)}
 TSAN_TESTS=${ZMLOG_TSAN_TESTS:-Archiver|Monitor|LogState|Lifecycle|Console|Thread|Stress|Concurren|Race}
-ASAN_EXCLUDE=${ZMLOG_ASAN_EXCLUDE:-}
+# Lifecycle.ChildrenOfAPrivateLogGetALogOfTheirOwn forks from a process whose
+# threads log: clang 14's AddressSanitizer does not keep its allocator usable
+# across fork (a child's first allocation may wait for ever on a lock a parent
+# thread held), and ThreadSanitizer cannot start threads in such a child at
+# all; the child's archiver is a thread. glibc's allocator, which the library
+# runs on, is fork-safe; the plain suite runs the test.
+FORK_TEST=Lifecycle.ChildrenOfAPrivateLogGetALogOfTheirOwn
+ASAN_EXCLUDE=${ZMLOG_ASAN_EXCLUDE:-$FORK_TEST}
 # Lifecycle.EndToEndThroughTheRuntime: three writers at full speed must each
 # get every record through; under ThreadSanitizer a lock holder is often
 # descheduled past the 1 ms deadline, which drops a record by design. The
 # stress tests, which account for such drops, cover the same path.
-TSAN_EXCLUDE=${ZMLOG_TSAN_EXCLUDE:-Lifecycle.EndToEndThroughTheRuntime}
+TSAN_EXCLUDE=${ZMLOG_TSAN_EXCLUDE:-Lifecycle.EndToEndThroughTheRuntime|$FORK_TEST}
 
 case ${1:-all} in
     address | thread) MODES=("$1") ;;

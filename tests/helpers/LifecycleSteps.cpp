@@ -38,8 +38,8 @@ using namespace PF::Utils::LOG;
 using namespace zmhelper;
 
 namespace {
-// For threads whose heap text is still in use when the process exits or
-// forks: the leak checker cannot read their stacks then.
+// For threads whose heap text is still in use when the process exits: the
+// leak checker cannot read their stacks then.
 void NotLeakChecked() {
 #ifdef ZMHELPER_LSAN
     __lsan_disable();
@@ -131,7 +131,6 @@ void Fork(const std::string&, const std::string& args) {
     std::vector<std::thread> loggers;
     for (int t = 0; t < 4; ++t) {
         loggers.emplace_back([&stop] {
-            NotLeakChecked();
             while (!stop.load()) {
                 ZMLOG_INFO("parent", "busy");
                 std::this_thread::sleep_for(std::chrono::microseconds(100));
@@ -144,12 +143,6 @@ void Fork(const std::string&, const std::string& args) {
         const pid_t child = fork();
         if (child == 0) {
             ZMLOG_INFO_F("fork", "child-%lu", i);
-#ifdef ZMHELPER_LSAN
-            // The leak checker at exit may hang in a child of a threaded
-            // process, stopping threads it lists and the child has not.
-            ReleaseRuntimeLog();
-            _exit(0);
-#endif
             std::exit(0);
         }
         pids.push_back(child);
