@@ -75,10 +75,13 @@ TEST_F(MacrosTest, FilteredOutCallsEvaluateNoArgument) {
 TEST_F(MacrosTest, PassingRecordsCarryLevelTagTextAndCallerName) {
     LogOneOfEachLevel();
     ZMLOG_WARN_F("fmt", "axis %d at %.2f mm, %s", 3, 12.5, "ok");
-    // Around the 512-byte stack buffer, then beyond the record limit: cut to fit.
+    // Around the 512-byte stack buffer of the formats left to the C library
+    // (wide text), then beyond the record limit: cut to fit.
     const std::string texts[] = {std::string(511, 'a'), std::string(512, 'b'),
                                  std::string(2 << 20, 'c')};
-    for (const auto& text : texts) ZMLOG_INFO_F("fmt", "%s", text.c_str());
+    ZMLOG_INFO_F("fmt", "%ls", std::wstring(511, L'a').c_str());
+    ZMLOG_INFO_F("fmt", "%ls", std::wstring(512, L'b').c_str());
+    ZMLOG_INFO_F("fmt", "%s", texts[2].c_str());
 
     auto records = zmtest::WalkRecords(Drain());
     ASSERT_EQ(records.size(), 11U);
