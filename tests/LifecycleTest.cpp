@@ -97,13 +97,16 @@ TEST(Lifecycle, EndToEndThroughTheRuntime) {
 TEST(Lifecycle, LevelChangesReachEveryWriter) {
     Installation install;
     Runtime runtime(install);
-    auto watcher = install.Start("CellEmulation", {"wait-level=3", "wait-level=5", "wait-level=3"});
+    auto watcher = install.Start("CellEmulation",
+                                 {"wait-level=3", "wait-level=5", "wait-level=3", "wait-level=4"});
     install.Run("BusBridge", {"level=3"});
     EXPECT_TRUE(watcher->WaitForOutput("level 3\n"));
     install.AppendConfig("logLevel=fatal");
     EXPECT_TRUE(watcher->WaitForOutput("level 5\n"));
     install.ReplaceConfig("[log]\nlogLevel=warn\n");
-    EXPECT_EQ(watcher->Wait().out, "level 3\nlevel 5\nlevel 3\n");
+    EXPECT_TRUE(watcher->WaitForOutput("level 5\nlevel 3\n"));
+    install.AppendConfig("logLevel=error");  // the new file is watched
+    EXPECT_EQ(watcher->Wait().out, "level 3\nlevel 5\nlevel 3\nlevel 4\n");
     runtime.Release();
     // At WARN and above the release writes no notice.
     EXPECT_TRUE(DecodedLog(install.DataFile()).records.empty());
