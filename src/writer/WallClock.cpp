@@ -23,7 +23,8 @@ namespace {
 
 constexpr std::int64_t kAnchorEveryUs = 100000;
 constexpr std::int64_t kFirstScaleAfterUs = 20000;
-constexpr std::int64_t kLongestScaleUs = 10000000;  // its << 32 must fit in 64 bits
+constexpr std::int64_t kLongestScaleUs = 10000000;     // its << 32 must fit in 64 bits
+constexpr std::uint64_t kLongestPairingTicks = 10000;  // 2-10 us at 1-5 GHz
 
 std::int64_t SystemUs() noexcept {
     timespec now{};
@@ -51,9 +52,16 @@ std::int64_t gFirstUs = 0;
 }  // namespace
 
 std::int64_t SlowNowUs() noexcept {
-    const std::uint64_t tsc = __builtin_ia32_rdtsc();
+    const std::uint64_t before = __builtin_ia32_rdtsc();
     const std::int64_t us = SystemUs();
-    if (!gCounterKeepsTime || gAnchoring.exchange(true, std::memory_order_acquire)) return us;
+    const std::uint64_t after = __builtin_ia32_rdtsc();
+    // A pairing is as exact as the time between its two counter reads: a
+    // thread preempted there would put every record of the next 100 ms off
+    // by as long. A normal clock read takes a few hundred ticks.
+    if (!gCounterKeepsTime || after - before > kLongestPairingTicks ||
+        gAnchoring.exchange(true, std::memory_order_acquire))
+        return us;
+    const std::uint64_t tsc = before + (after - before) / 2;
     const unsigned which = __atomic_load_n(&gClockAnchor, __ATOMIC_ACQUIRE);
     std::uint64_t fromTsc = gFirstTsc;
     std::int64_t fromUs = gFirstUs;
