@@ -93,9 +93,10 @@ TEST_F(ArchiverTest, RecordsOfAnotherProcessReachTheFileScrambled) {
 }
 
 TEST_F(ArchiverTest, StartProbesRolledFilesAndRollsOnlyPastTheLimit) {
-    // Found index 2; with at most 2 files it is capped at 1 and "_2" stays.
-    for (auto [maxRoll, two, three] :
-         {std::tuple("10", "one", "two"), std::tuple("2", "two", "-")}) {
+    // Found index 2; with at most 2 files it is capped at 1 and "_2" stays;
+    // a setting that is no number means the default, 10.
+    for (auto [maxRoll, two, three] : {std::tuple("10", "one", "two"), std::tuple("2", "two", "-"),
+                                       std::tuple("x", "one", "two")}) {
         const std::string dir = install.LogDir() + "/max" + maxRoll, path = dir + "/RUNTIME.data";
         std::filesystem::create_directories(dir);
         zmtest::WriteFile(path, "");
