@@ -32,6 +32,7 @@ TEST(HostileRing, EveryDamageIsSurvivedAndTheLogFlowsAgainWithinASecondAndAHalf)
          "repaired the shared ring: a reservation stayed unpublished for a second; 100 bytes of an "
          "unfinished record discarded"},
         {"switches", "repaired the shared ring: its header was damaged"},
+        {"level", "repaired the shared ring: its header was damaged"},
         {"zero-capacity",
          "repaired the shared ring: its header was damaged; its unread records discarded"},
         {"random-header",

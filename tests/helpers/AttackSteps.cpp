@@ -1,10 +1,10 @@
 // A helper step that damages the shared ring as any process that may write
 // it could, "attack=<kind>": "attacked at <us>". Kinds: geometry (capacity
 // and mask beyond the mapping, 1.75 GiB published), unpublished (a
-// reservation never published), switches (out of range), zero-capacity,
-// random-header (48 random bytes), random-records (4 KiB of random bytes
-// published), extra-posts (three more on "/WriteLOG"), lock-exit (takes it
-// and exits).
+// reservation never published), switches (out of range), level (7),
+// zero-capacity, random-header (48 random bytes), random-records (4 KiB of
+// random bytes published), extra-posts (three more on "/WriteLOG"),
+// lock-exit (takes it and exits).
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/mman.h>
@@ -53,6 +53,8 @@ void Attack(const std::string&, const std::string& kind) {
     } else if (kind == "switches") {
         h->active = 7;
         h->level = 99;
+    } else if (kind == "level") {
+        h->level = 7;  // one past the last level
     } else if (kind == "zero-capacity") {
         h->capacity = 0;
     } else if (kind == "random-header") {
