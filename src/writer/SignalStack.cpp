@@ -16,7 +16,7 @@
 namespace PF::Utils::LOG::detail {
 namespace {
 
-// The report's own frames, the unwinder's and a record of 16 KiB of text.
+// The report's text (12 KiB) twice over, its record and the unwinder's frames.
 constexpr std::size_t kStackBytes = 128 * 1024;
 constexpr std::size_t kGuardBytes = 4096;  // below it: an overflow faults instead of writing on
 
