@@ -101,8 +101,10 @@ void WriteReport(int sig, const siginfo_t& info, void* context) {
     const int count = backtrace(frames, kMaxFrames);
     // The handler's own frames and the kernel's signal frame come first: the
     // report starts at the instruction that faulted or sent the signal.
-    void* const pc = reinterpret_cast<void*>(
-        static_cast<const ucontext_t*>(context)->uc_mcontext.gregs[REG_RIP]);
+    const auto* interrupted = static_cast<const ucontext_t*>(context);
+    void* const pc = interrupted != nullptr
+                         ? reinterpret_cast<void*>(interrupted->uc_mcontext.gregs[REG_RIP])
+                         : nullptr;
     int first = 0;
     while (first < count && frames[first] != pc) ++first;
     if (first == count) first = 0;
