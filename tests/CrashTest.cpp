@@ -85,7 +85,7 @@ TEST(Crash, EachKindIsReportedAndEndsTheProcessAsBefore) {
         if (runtime != nullptr) runtime->Release();
         const std::string log =
             c.privateLog ? install.Root() + "/" + c.role + ".log" : install.DataFile();
-        const std::string shown = zmtest::Run(ZmlogPath(), "zmlog", {log}).out;
+        const std::string shown = install.Zmlog({log}).out;
         if (c.shown.empty()) {
             EXPECT_EQ(shown.find("CrashReport"), std::string::npos) << shown;
         }

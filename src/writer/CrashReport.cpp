@@ -67,7 +67,7 @@ void WriteAll(int fd, const char* data, std::size_t size) {
 // (the crash may have come in the middle of a record).
 void WritePendingLines(int fd) {
     if (!MEMManager::mMutex.try_lock()) return;
-    RingHead* ring = RingHead::instance;
+    RingHead* ring = RingHead::GetInstance();
     const unsigned capacity = ring != nullptr ? ring->LocalCapacity() : 0;
     if (capacity != 0 && ring->Sane()) {
         const char* data = reinterpret_cast<const char*>(ring) + sizeof(RingHead);
@@ -115,7 +115,7 @@ void WriteReport(int sig, const siginfo_t& info, void* context) {
     const auto threadId = static_cast<unsigned>(syscall(SYS_gettid));
     const std::int64_t now = detail::NowUs();
     if (IsUPEnvironment()) return WriteToTextLog(text, threadId, now);
-    RingHead* ring = __atomic_load_n(&RingHead::instance, __ATOMIC_ACQUIRE);
+    RingHead* ring = RingHead::GetInstance();
     if (ring == nullptr) return;
     // The ring's lock within the writers' deadline, no longer: the crash may
     // have come while this very process held it.
