@@ -61,7 +61,8 @@ const std::set<std::string> kKeys = {"logLevel",
                                      "program",
                                      "rateLimitBurst",
                                      "rateLimitIntervalMs",
-                                     "shmGroup"};
+                                     "shmGroup",
+                                     "crashReport"};
 
 void CheckEntries(const std::map<std::string, std::string>& mp) {
     for (const auto& [key, value] : mp) {

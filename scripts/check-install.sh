@@ -30,7 +30,8 @@ fail() { echo "check-install.sh: FAILED: $*" >&2; exit 1; }
 
 # Build tools, installed only when missing.
 "$REPO/scripts/install-missing.sh" cmake g++ make pkg-config /usr/bin/systemd-analyze=systemd \
-    /usr/include/librelp.h=librelp-dev /usr/include/gnutls/gnutls.h=libgnutls28-dev
+    /usr/include/librelp.h=librelp-dev /usr/include/gnutls/gnutls.h=libgnutls28-dev \
+    /usr/include/elfutils/libdwfl.h=libdw-dev
 
 WORK=$(mktemp -d /tmp/zmlog-check-install-XXXXXX)
 cleanup() {

@@ -49,7 +49,8 @@ case ${1:-all} in
     *) echo "sanitize.sh: unknown mode: $1 (address, thread or all)" >&2; exit 2 ;;
 esac
 
-"$REPO/scripts/install-missing.sh" cmake make g++ clang /usr/include/gtest/gtest.h=libgtest-dev
+"$REPO/scripts/install-missing.sh" cmake make g++ clang /usr/include/gtest/gtest.h=libgtest-dev \
+    /usr/include/elfutils/libdwfl.h=libdw-dev
 # clang's sanitizer runtimes come with its runtime libraries.
 compgen -G '/usr/lib/llvm-*/lib/clang/*/lib/linux/libclang_rt.asan-x86_64.a' >/dev/null ||
     "$REPO/scripts/install-missing.sh" /nonexistent=libclang-rt-dev

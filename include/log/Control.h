@@ -15,6 +15,11 @@ bool ResetShm();            // repair a ring left locked by a dead writer
 bool IsUPEnvironment();     // true: no installation, private ring and text log
 bool LogDoConfigure(std::string confFile, std::string logDir);
 void OutputConsole(std::string& line);  // stdout, as given, when "console" is on
+// A process that dies of SIGSEGV, SIGBUS, SIGFPE, SIGILL or SIGABRT writes a
+// FATAL record first: signal, thread, backtrace. "crashReport=true" in the
+// configuration does the same at load. Handlers installed before are still
+// called; false when a handler could not be installed.
+bool EnableCrashReport();
 
 bool SetLogActive(unsigned value);
 bool SetLogLevel(unsigned value);

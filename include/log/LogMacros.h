@@ -26,6 +26,14 @@
 // Text is a char array, const char*, std::string or std::string_view; it is
 // stored up to its first NUL. Levels for the generic forms are
 // PF::Utils::LOG::kTrace ... kRecord (0 to 6).
+//
+// In a signal handler: in a process attached to a runtime (the binary path)
+// the macros are async-signal-safe, with no heap, no stdio and no lock but
+// the ring's, given up after 1 ms: text, ZMLOG_VALUE, ZMLOG_BINARY, and the
+// printf-style ones for the conversions the library's formatter takes (any
+// other goes to snprintf, which is not safe). Not in a process with a
+// private log, whose text path builds a std::string under a mutex; nor the
+// record that finds the runtime restarted and attaches the writer anew.
 #pragma once
 
 #include <alloca.h>

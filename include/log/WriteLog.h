@@ -34,14 +34,13 @@ namespace detail {
 
 // Kernel thread id of the calling thread, fetched once per thread.
 extern __thread unsigned int tCachedThreadId;
+// The thread's first record: fetches and keeps its id (and gives the thread
+// its signal stack when crash reports are on).
+unsigned int RememberThreadId() noexcept;
 
 inline unsigned int CurrentThreadId() noexcept {
-    unsigned int id = tCachedThreadId;
-    if (__builtin_expect(id == 0, 0)) {
-        id = static_cast<unsigned int>(::syscall(SYS_gettid));
-        tCachedThreadId = id;
-    }
-    return id;
+    const unsigned int id = tCachedThreadId;
+    return __builtin_expect(id != 0, 1) ? id : RememberThreadId();
 }
 
 // The system clock in microseconds since the epoch (its nanoseconds divided

@@ -23,6 +23,7 @@
 #include "log/RingHead.h"
 #include "log/RollFile.h"
 #include "transport/SHMManager.h"
+#include "writer/CrashReport.h"
 
 namespace PF::Utils::LOG {
 
@@ -110,6 +111,7 @@ bool ShmArchiver::init() {
         std::lock_guard<std::mutex> lock(gPathMutex);
         filePath_ = IsUPEnvironment() ? dir + "/" + programName_ + ".log" : dir + "/RUNTIME.data";
     }
+    if (IsUPEnvironment()) detail::NoteTextLogPath(filePath_);
 
     long maxRoll = ConfigNumber("maxFileRollNumber");
     if (maxRoll <= 0) maxRoll = 10;

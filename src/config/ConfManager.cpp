@@ -83,7 +83,8 @@ bool ParseKeyAndValue(std::string& key, std::string& value, const std::string& l
     return key == "PFMask" || key == "RTMask" || key == "HCMask" || key == "HWMask" ||
            key == "console" || key == "OutputMode" || key == "maxFileRollNumber" ||
            key == "readerInterval" || key == "writeMode" || key == "program" ||
-           key == "rateLimitBurst" || key == "rateLimitIntervalMs" || key == "shmGroup";
+           key == "rateLimitBurst" || key == "rateLimitIntervalMs" || key == "shmGroup" ||
+           key == "crashReport";
 }
 
 bool ConfManager::ReadConfigFile(const std::string& path) {

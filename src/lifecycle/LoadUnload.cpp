@@ -11,6 +11,7 @@
 #include "log/ConfManager.h"
 #include "log/Control.h"
 #include "log/WriteLog.h"
+#include "writer/CrashReport.h"
 #include "writer/LossReport.h"
 
 namespace PF::Utils::LOG {
@@ -32,8 +33,9 @@ __attribute__((constructor)) void Init() {
             InitResourceAndReadThread();
         } else {
             // A writer reads the keys that concern every process (its rate
-            // limit); the switches it takes from the ring.
+            // limit, the crash report); the switches it takes from the ring.
             ConfManager::ReadConfigFile(paths.first);
+            detail::ApplyCrashReportKey();
             InitWriteProcess();  // a failed attach just leaves the process silent
         }
     } catch (...) {

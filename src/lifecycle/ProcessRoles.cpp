@@ -21,6 +21,7 @@
 #include "transport/RingSalvage.h"
 #include "transport/SHMManager.h"
 #include "transport/SemManager.h"
+#include "writer/CrashReport.h"
 
 namespace PF::Utils::LOG {
 
@@ -37,6 +38,8 @@ bool ConfigFileOpens(const std::string& path) {
     return true;
 }
 
+}  // namespace
+
 // The configuration monitor is detached and may sleep in read() forever: once
 // it runs, the library must stay mapped even if its loader calls dlclose.
 void PinLibraryInMemory() {
@@ -46,6 +49,8 @@ void PinLibraryInMemory() {
         dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
     }
 }
+
+namespace {
 
 void SleepMs100() {
     timespec remaining{0, 100000000};
@@ -152,6 +157,7 @@ bool InitResourceAndReadThread() {
     if (ConfigFileOpens(confFile)) {
         ConfManager::outputMode = false;
         ConfManager::ReadConfigFile(confFile);
+        detail::ApplyCrashReportKey();
     }
     InitReadThread();
     std::string archiveDir;
@@ -199,6 +205,7 @@ bool LogDoConfigure(std::string confFile, std::string logDir) {
         CloseReadThreadAndResource();
         ConfManager::outputMode = true;
         ConfManager::ReadConfigFile(confFile);
+        detail::ApplyCrashReportKey();
         InitReadThread();
         auto& archiver = ShmArchiver::GetInstancePtr();
         archiver->SetBaseLogDir(logDir);

@@ -11,6 +11,10 @@ bool InitReadThread();
 bool InitResourceAndReadThread();
 bool CloseReadThreadAndResource();
 
+// Keeps the library mapped even if its loader calls dlclose: for threads and
+// handlers of its own that may still run.
+void PinLibraryInMemory();
+
 // Load-time constructor and unload-time destructor of the library.
 void Init();
 void CloseResource();

@@ -39,7 +39,7 @@ unsigned Build(const Notice& n, Put put) {
     head.programLen = static_cast<std::uint16_t>(std::strlen(program));
     head.tagLen = static_cast<std::uint16_t>(n.tag.size());
     head.contentLen = static_cast<std::uint32_t>(n.content.size());
-    head.threadId = 0;  // written by the library, not by a calling thread
+    head.threadId = n.threadId;
     head.timeUs = n.timeUs;
     const unsigned total =
         sizeof head + head.functionLen + head.programLen + head.tagLen + head.contentLen;

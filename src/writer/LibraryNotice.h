@@ -17,7 +17,8 @@ struct Notice {
     std::string_view tag;
     std::string_view content;
     std::int64_t timeUs;
-    unsigned char level;  // kWarn, mostly
+    unsigned char level;    // kWarn, mostly
+    unsigned threadId = 0;  // 0: the library's own; a crash report names the thread
 };
 
 // Into ring, taking its lock within lockTimeoutNs; 0 when it was not had.

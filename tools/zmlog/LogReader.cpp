@@ -17,6 +17,7 @@ LogReader::LogReader(const Options& o, bool color, OutputSink& out)
       source_([this](WalkedRecord& r, const SourceFile&, std::uint64_t) { OnRecord(r); }) {}
 
 void LogReader::OnRecord(WalkedRecord& r) {
+    if (CrashFrames::IsReport(r)) frames_.Name(r);
     if (!filter_.Passes(r)) return;
     if (filter_.NeedsGrep() && !filter_.GrepMatches(r, formatter_.Content(r))) return;
     if (stats_) {

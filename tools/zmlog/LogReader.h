@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "CrashFrames.h"
 #include "LogStats.h"
 #include "Options.h"
 #include "OutputSink.h"
@@ -32,6 +33,7 @@ class LogReader {
   private:
     void OnRecord(WalkedRecord& r);
 
+    CrashFrames frames_;
     RecordFilter filter_;
     RecordFormatter formatter_;
     OutputSink& out_;

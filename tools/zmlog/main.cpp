@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "CrashFrames.h"
 #include "DamageReport.h"
 #include "Follower.h"
 #include "LogFiles.h"
@@ -87,14 +88,17 @@ bool LooksLikeText(int fd) {
     return total > 0 && control * 100 <= total;
 }
 
+// A crash report's frames are named here too.
 void Cat(int fd, OutputSink& out) {
+    std::string text;
     char buf[1 << 16];
     for (off_t at = 0;;) {
         const ssize_t n = ::pread(fd, buf, sizeof buf, at);
         if (n <= 0) break;
-        out.Write(std::string_view(buf, static_cast<std::size_t>(n)));
+        text.append(buf, static_cast<std::size_t>(n));
         at += n;
     }
+    out.Write(CrashFrames().Name(text));
 }
 
 int Run(Options& o, OutputSink& out) {

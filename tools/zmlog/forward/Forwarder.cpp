@@ -45,6 +45,7 @@ void Forwarder::OnRecord(WalkedRecord& r, const SourceFile& file, std::uint64_t 
         skipping_ = false;
         if (pos == skip_) return;  // delivered before the restart
     }
+    if (CrashFrames::IsReport(r)) frames_.Name(r);
     if (!filter_.Passes(r)) return;
     const bool typed = (r.head.flags & kBinaryFlag) == 0 && r.head.valueType != 0;
     std::string rendered;

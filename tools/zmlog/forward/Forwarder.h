@@ -11,6 +11,7 @@
 #include <functional>
 #include <string>
 
+#include "CrashFrames.h"
 #include "DamageReport.h"
 #include "ForwardReader.h"
 #include "Options.h"
@@ -58,6 +59,7 @@ class Forwarder {
     std::function<void(const std::string&)> note_;
     std::string what_;  // the URL, for notes
     std::string dir_;
+    CrashFrames frames_;
     RecordFilter filter_;
     RecordFormatter formatter_;
     SyslogEncoder encoder_;
