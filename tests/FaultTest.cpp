@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -87,7 +88,10 @@ TEST(Fault, NewRuntimeRecoversTheNewestRecordsOrNothingOfADamagedRing) {
     EXPECT_EQ(notice->content, "recovered " + std::to_string(notice - recovered.records.begin()) +
                                    " records from the previous runtime's ring");
 
-    WriteFile("/dev/shm/ZMLOG", std::string(48, '\x5a'));  // the header written over with junk
+    {  // the ring's mask and capacity written over with junk, its size kept
+        std::fstream ring("/dev/shm/ZMLOG", std::ios::in | std::ios::out | std::ios::binary);
+        ring.seekp(16).write("\x5a\x5a\x5a\x5a\x5a\x5a\x5a\x5a", 8);
+    }
     const long cutAt = FileSize(install.DataFile());
     Runtime runtime(install);
     ASSERT_TRUE(WaitUntil([&] { return !DecodedLog(install.DataFile(), cutAt).records.empty(); }));

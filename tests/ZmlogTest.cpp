@@ -76,12 +76,16 @@ TEST(ZmlogFormat, EveryFormatAgainstItsFixedText) {
         {"verbose",
          [](Options& o) {
              o.output = OutputFormat::kVerbose;
-             o.programs = {"ZMRuntime"};
+             o.programs = {"ZMRuntime", "BusBridge"};
          },
          "time=2023-11-14T22:13:20.124956+00:00\nflags=0x0003 (WARN)\nprogramLen=9\n"
          "functionLen=4\ntagLen=2\ncontentLen=1\nvalueType=2 (unsigned char)\nthreadId=17\n"
          "component=0x00010000\ntimeUs=1700000000124956\nfunction=Poll\nprogram=ZMRuntime\n"
-         "tag=u=\ncontent=\\xc8\nvalue=200\n\n"},
+         "tag=u=\ncontent=\\xc8\nvalue=200\n\n"
+         "time=1970-01-01T00:00:00.999999+00:00\nflags=0x0006 (Record)\nprogramLen=9\n"
+         "functionLen=8\ntagLen=3\ncontentLen=8\nvalueType=0 (text)\nthreadId=7\n"
+         "component=0x00000000\ntimeUs=999999\nfunction=say \"hi\"\nprogram=BusBridge\n"
+         "tag=t\\\\g\ncontent=a\\nb\\t\\x01 \\xc3\\xa9\n\n"},
     };
     for (const auto& [name, set, expected] : cases) {
         Options o;
@@ -217,7 +221,12 @@ TEST_F(ZmlogRun, StatsCountProgramsLevelsSpanDamageAndLosses) {
                                 "lost 5 records: lock busy 3, ring full 0, too long 2, rate "
                                 "limited 0, since 22:13:20.000") +
                          notice(2, "discarded 1000 bytes of unread records") +
-                         Rec(3, 3, "ZMRuntime") + Rec(5, 2, "ZMRuntime").substr(0, 40));
+                         // A writer's record that reads like a notice is not one.
+                         MakeRecord("Poll", "ZMRuntime", "zmlog",
+                                    "lost 7 records: lock busy 7, ring full 0, too long 0, rate "
+                                    "limited 0, since 22:13:20.000",
+                                    3, 0, false, 4711, kT0 + 3000000LL) +
+                         Rec(5, 2, "ZMRuntime").substr(0, 40));
     // Damaged: "junk" and the cut record's 40 bytes.
     const std::string expected =
         "records: 5\nspan: 2023-11-14 22:13:20.123456 .. 2023-11-14 22:13:23.123456\n"
