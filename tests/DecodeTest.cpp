@@ -183,19 +183,3 @@ TEST(ParseLogline, JunkAndUnknownNamesOfAListedLengthAreSkipped) {
               "");
     EXPECT_EQ(lines, (LinesByProgram{{"ToolTest", {kLine1}}, {"LongerToolName", {kLine1}}}));
 }
-
-TEST(ParseLogline, StreamCarriesARecordCutInTwoBuffers) {
-    const std::string first = Rec1();
-    const std::string data = first + kRec2 + MakeRecord("f", "ZMRuntime", "", "last");
-    const std::size_t split = first.size() + kRec2.size() - 2;  // inside the second body
-    LinesByProgram lines;
-    Result r = Parse(kStream, data.substr(0, split), lines);
-    EXPECT_EQ(r.offset, first.size() + 32);
-    ASSERT_TRUE(r.pending);
-    r = Parse(kStream, data.substr(r.offset), lines, &r.head);
-    EXPECT_EQ(r.out, "");
-    EXPECT_FALSE(r.pending);
-    EXPECT_EQ(r.offset, data.size() - first.size() - 32);
-    EXPECT_EQ(lines["ZMRuntime"],
-              (Lines{kLine1, kLine2, "2023-11-14 22:13:20.123|4711|INFO|f|last"}));
-}

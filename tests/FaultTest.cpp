@@ -72,7 +72,11 @@ TEST(Fault, NewRuntimeRecoversTheNewestRecordsOrNothingOfADamagedRing) {
     ASSERT_EQ(install.Run("CellEmulation", {"log=30000,1000"}).exitCode, 0);  // 30 MB into 8 MiB
     {
         Runtime runtime(install);
-        ASSERT_TRUE(WaitUntil([&] { return !DecodedLog(install.DataFile()).records.empty(); }));
+        ASSERT_TRUE(WaitUntil([&] {  // the notice comes last
+            const auto records = DecodedLog(install.DataFile()).records;
+            return std::any_of(records.begin(), records.end(),
+                               [](const Record& r) { return r.function == "SalvageRing"; });
+        }));
         runtime.Process().Signal(SIGKILL);
     }
     const DecodedLog recovered(install.DataFile());

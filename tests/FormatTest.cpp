@@ -73,21 +73,6 @@ TEST(Format, IntegersEveryConversionFlagWidthPrecisionAndLength) {
     Same("%u %x", static_cast<unsigned char>(200), static_cast<unsigned short>(60000));
 }
 
-TEST(Format, TextCharactersPointersAndPercent) {
-    const char* null = nullptr;
-    for (const char* f :
-         {"%s", "%10s|", "%-10s|", "%.2s", "%10.3s|", "%.0s", "%.6s", "%.5s", "%010s"})
-        for (const char* s : {"", "eth0", "link up on eth0", null}) Same(f, s);
-    for (const char* f : {"%c", "%5c|", "%-5c|"})
-        for (int c : {65, 32, 255}) Same(f, c);
-    int x = 0;
-    Same("%p %20p|%-20p|", static_cast<void*>(&x), static_cast<void*>(&x), static_cast<void*>(&x));
-    Same("%p %10p|", static_cast<void*>(nullptr), static_cast<void*>(nullptr));
-    Same("100%% of %d%%", 5);
-    Same("link %d up on %s", 3, "eth0");
-    Same("");
-}
-
 TEST(Format, FloatingValuesAsPrintfRoundsThem) {
     const double values[] = {0.0,       -0.0,       1.0,           -1.5,        0.125, 2.5,
                              1e-5,      123456.789, 1e21,          9.999999e-5, 0.1,   1.0 / 3,

@@ -138,23 +138,6 @@ TEST(Lifecycle, PrivateLogEndsWithTheReleaseNotice) {
     EXPECT_NE(ReadFile(install.Root() + "/LogHelper.log").find(notice), std::string::npos);
 }
 
-// dlopen and dlclose twice, privately and as a writer: no thread is left.
-TEST(Lifecycle, UnloadLeavesNoThreadBehind) {
-    for (bool writer : {false, true}) {
-        Installation install(writer ? Installation::kConfig : "");
-        std::unique_ptr<Runtime> runtime;
-        if (writer) runtime = std::make_unique<Runtime>(install);
-        const auto r = zmtest::Run(ZMLOG_HELPER_DIR "/DlopenProbe", "DlopenProbe",
-                                   {ZMLOG_LIBRARY_FILE}, install.Env(), install.Root());
-        EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-        const std::string loaded = writer ? "loaded threads=DlopenProbe\n"
-                                          : "loaded threads=DlopenProbe,ShmReadToBinary\n";
-        const std::string round = loaded + "unloaded threads=DlopenProbe\n";
-        EXPECT_EQ(r.out, round + round);
-        if (runtime) runtime->Release();
-    }
-}
-
 // Threads that keep logging while main returns, in a writer of a runtime and
 // in a process with a private log: no run of 50 dies.
 TEST(Lifecycle, ExitWhileThreadsLogNeverCrashes) {

@@ -14,11 +14,6 @@ using namespace PF::Utils::LOG;
 
 using MacrosTest = zmtest::SharedRingTest;
 
-template <class T>
-std::string Bytes(const T& value) {
-    return std::string(reinterpret_cast<const char*>(&value), sizeof value);
-}
-
 // Named so the stored function name can be told from the test body's.
 void LogOneOfEachLevel() {
     ZMLOG_TRACE("lvl", "level 0");
@@ -144,22 +139,6 @@ TEST_F(MacrosTest, LimitedSitesWriteSomeCallsAndCountTheRest) {
     const int written = checkSite("limit", calls, 30000);
     EXPECT_GE(written, 3);
     EXPECT_LE(written, 7);
-}
-
-TEST_F(MacrosTest, TypedValuesAndBinaryKeepTheirBytes) {
-    ZMLOG_VALUE(kInfo, "int", -123456);
-    ZMLOG_VALUE(kInfo, "double", 2.5);
-    ZMLOG_VALUE(kInfo, "uchar", static_cast<unsigned char>(0));  // not the end of a text
-    ZMLOG_VALUE(kError, "short", static_cast<short>(-2));
-    const std::string frame("\0A\0\xFF\x80\0", 6);
-    ZMLOG_BINARY(kDebug, "rx", frame.data(), frame.size());
-    std::string seen;
-    for (const auto& r : zmtest::WalkRecords(Drain()))
-        seen += std::to_string(r.head.flags) + "," + std::to_string(r.head.valueType) + "," +
-                r.tag + "," + r.content + ";";
-    EXPECT_EQ(seen, "2,8,int," + Bytes(-123456) + ";2,12,double," + Bytes(2.5) + ";2,2,uchar," +
-                        std::string(1, '\0') + ";4,6,short," + Bytes(short(-2)) + ";9,0,rx," +
-                        frame + ";");
 }
 
 }  // namespace

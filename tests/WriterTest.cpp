@@ -17,21 +17,6 @@ namespace {
 const std::string kProgram = program_invocation_short_name;
 }
 
-TEST_F(WriterTest, TextRecordLayout) {
-    const long long before = detail::NowUs();
-    char text[6] = "up 42";
-    WriteLog<char[6]>("net", text, kWarn, "Poll", 0, 0, 0x1234567890ULL, std::string());
-    const std::string bytes = Drain();
-    LogHead h;
-    ASSERT_GE(bytes.size(), sizeof h);
-    std::memcpy(&h, bytes.data(), sizeof h);
-    EXPECT_GE(h.timeUs, before);
-    EXPECT_LE(h.timeUs, detail::NowUs());
-    // The component's low 32 bits only.
-    EXPECT_EQ(bytes, MakeRecord("Poll", kProgram, "net", "up 42", kWarn, 0, false,
-                                static_cast<unsigned>(gettid()), h.timeUs, 0x34567890U));
-}
-
 // Record times, from the time-stamp counter and anchors renewed every 100 ms,
 // lie between two readings of the system clock.
 TEST(RecordClock, FollowsTheSystemClockAcrossAnchorRenewals) {
