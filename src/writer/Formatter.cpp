@@ -19,6 +19,7 @@ class Output {
         len_ += n;
     }
     void Fill(char c, std::size_t n) {
+        if (n == 0) return;  // most conversions pad nothing: no call at all
         if (len_ < cap_) std::memset(out_ + len_, c, n < cap_ - len_ ? n : cap_ - len_);
         len_ += n;
     }
