@@ -86,6 +86,10 @@ copy_tree() {
     rm -f "$scratch/src/$f"
     touch "$scratch/src/${f%.orig}"
   done
+  # Files the tree no longer has go too (a glob would still build them).
+  (cd "$root" && git ls-files -co --exclude-standard | grep -v '^build' | sort) >"$scratch/files"
+  (cd "$scratch/src" && find . -type f | sed 's|^\./||' | sort | comm -13 "$scratch/files" - |
+    tr '\n' '\0' | xargs -0 -r rm -f)
 }
 
 if [ $check -eq 1 ]; then

@@ -118,7 +118,12 @@ TEST(HostileRing, ShmGroupGivesTheRingAndTheLogToOneGroup) {
         Installation install(std::string(Installation::kConfig) + c.line + "\n");
         auto runtime = install.Start("ZMRuntime", {"start", "wait", "release"});
         ASSERT_TRUE(runtime->WaitForOutput("started\n")) << runtime->OutSoFar();
-        ASSERT_TRUE(WaitUntil([&] { return Exists(install.DataFile()); }));
+        // The archiver opens the file, then restricts it: the test waits for both.
+        WaitUntil([&] {
+            struct stat st {};
+            return stat(install.DataFile().c_str(), &st) == 0 && (st.st_mode & 07777) == c.file &&
+                   st.st_gid == c.group;
+        });
         const std::pair<std::string, mode_t> made[] = {{"/dev/shm/ZMLOG", c.object},
                                                        {"/dev/shm/sem.WriteLOG", c.semaphores},
                                                        {"/dev/shm/sem.ReadLOG", c.semaphores},
