@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -68,7 +69,9 @@ TEST(HostileRing, EveryDamageIsSurvivedAndTheLogFlowsAgainWithinASecondAndAHalf)
                         if (r.program == roles[w] && r.tag == "seq" && firstUs[w] == 0)
                             firstUs[w] = r.head.timeUs;
                     if (r.function == "RingGuard") {
-                        EXPECT_EQ(r.content, d.notice) << d.kind;
+                        // With surplus posts a writer may be inside the lock
+                        // when the repair takes it: its bytes are counted on.
+                        EXPECT_EQ(r.content.substr(0, std::strlen(d.notice)), d.notice) << d.kind;
                         ++notices;
                     }
                 }
