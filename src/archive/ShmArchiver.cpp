@@ -1,11 +1,13 @@
 #include "archive/ShmArchiver.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -188,8 +190,14 @@ void ShmArchiver::WriteBlock(unsigned n) {
 }
 
 FILE* ShmArchiver::OpenOutput(const std::string& path) {
-    FILE* file = std::fopen(path.c_str(), "ab");
-    if (file != nullptr) detail::Restrict(fileno(file), 0640);
+    if (!detail::CurrentSharedAccess().restricted) return std::fopen(path.c_str(), "ab");
+    // Created for the owner alone, then given to the group: never readable
+    // by others, not even between the open and the change of mode.
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    if (fd < 0) return nullptr;
+    detail::Restrict(fd, 0640);
+    FILE* file = fdopen(fd, "ab");
+    if (file == nullptr) close(fd);
     return file;
 }
 
