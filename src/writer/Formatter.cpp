@@ -15,7 +15,15 @@ class Output {
     Output(char* out, std::size_t cap) : out_(out), cap_(cap) {}
     void Put(const char* text, std::size_t n) {
         if (n == 0) return;  // an empty view may have no data at all
-        if (len_ < cap_) std::memcpy(out_ + len_, text, n < cap_ - len_ ? n : cap_ - len_);
+        if (len_ < cap_) {
+            const std::size_t m = n < cap_ - len_ ? n : cap_ - len_;
+            // Most pieces are a few bytes: copied here rather than by a call.
+            if (m > 16) {
+                std::memcpy(out_ + len_, text, m);
+            } else {
+                for (std::size_t i = 0; i < m; ++i) out_[len_ + i] = text[i];
+            }
+        }
         len_ += n;
     }
     void Fill(char c, std::size_t n) {
