@@ -112,6 +112,20 @@ inline bool GatePasses(std::int64_t timeUs) {
            PassGate(timeUs);
 }
 
+// The header and the three names, in record order; returns where the
+// content goes. The lengths are the header's.
+inline char* PutHeadAndNames(char* record, const LogHead& head, const char* function,
+                             const char* program, const char* tag) {
+    std::memcpy(record, &head, sizeof head);
+    char* out = record + sizeof head;
+    std::memcpy(out, function, head.functionLen);
+    out += head.functionLen;
+    std::memcpy(out, program, head.programLen);
+    out += head.programLen;
+    std::memcpy(out, tag, head.tagLen);
+    return out + head.tagLen;
+}
+
 // Hands a finished record to the ring.
 inline void Submit(char* record, unsigned total, std::int64_t timeUs) {
     if (!GatePasses(timeUs)) return;
@@ -260,15 +274,7 @@ void WriteLog(const char* tag, const T& content, unsigned char level, const char
     head.threadId = threadId;
     head.component = static_cast<std::uint32_t>(component);
     head.timeUs = timeUs;
-    char* out = record;
-    std::memcpy(out, &head, sizeof head);
-    out += sizeof head;
-    std::memcpy(out, function, functionLen);
-    out += functionLen;
-    std::memcpy(out, programName, programLen);
-    out += programLen;
-    std::memcpy(out, tag, tagLen);
-    out += tagLen;
+    char* out = detail::PutHeadAndNames(record, head, function, programName, tag);
     std::memcpy(out, detail::ContentBytes(content), length);
     detail::Submit(record, total, timeUs);
 }

@@ -81,14 +81,7 @@ bool WriteFormattedRecord(unsigned char level, unsigned long component, const ch
     head.threadId = CurrentThreadId();
     head.component = static_cast<std::uint32_t>(component);
     head.timeUs = timeUs;
-    char* out = record;
-    std::memcpy(out, &head, sizeof head);
-    out += sizeof head;
-    std::memcpy(out, function, functionLen);
-    out += functionLen;
-    std::memcpy(out, program_invocation_short_name, programLen);
-    out += programLen;
-    std::memcpy(out, tag, tagLen);
+    PutHeadAndNames(record, head, function, program_invocation_short_name, tag);
     Submit(record, static_cast<unsigned>(fixed + size), timeUs);
     return true;
 }
