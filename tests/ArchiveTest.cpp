@@ -1,8 +1,5 @@
 // Scrambling, rolling and the archiver thread draining a real ring into its file.
-#include <unistd.h>
 
-#include <filesystem>
-#include <thread>
 #include <tuple>
 
 #include "archive/Encrypt.h"

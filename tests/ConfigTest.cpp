@@ -1,9 +1,5 @@
 // The configuration file syntax, the statics derived from it, and the paths
 // taken from the environment.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <string>
 
 #include "log/ZMRuntimeLog.h"
 #include "support/Fixtures.h"

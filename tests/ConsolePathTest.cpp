@@ -1,11 +1,6 @@
-#include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "log/ZMRuntimeLog.h"
 #include "support/Fixtures.h"

@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
 #include <limits>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "log/Decode.h"
 #include "log/HexDump.h"

@@ -1,12 +1,7 @@
 // The runtime killed and started again: its writers follow it and lose
 // nothing; the new one takes over the old ring's records, or says it cannot.
-#include <gtest/gtest.h>
-#include <signal.h>
 
-#include <algorithm>
 #include <fstream>
-#include <string>
-#include <thread>
 
 #include "support/Fixtures.h"
 

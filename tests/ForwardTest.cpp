@@ -3,16 +3,9 @@
 // and over RELP with either side SIGKILLed.
 #include <sys/stat.h>
 
-#include <cstdio>
-#include <filesystem>
 #include <map>
 #include <set>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "forward/SyslogEncoder.h"
 #include "support/Fixtures.h"
@@ -73,45 +66,6 @@ TEST(SyslogEncoder, EachFieldMappedEscapedAndCut) {
     }
 }
 
-// A log written as the archiver writes one: scrambled records "record <i>"
-// appended to RUNTIME.data; with cutAt, that record is split by a roll.
-class TestLog {
-  public:
-    explicit TestLog(std::string dir) : dir_(std::move(dir)) {
-        std::filesystem::create_directories(dir_);
-    }
-    std::string Current() const { return dir_ + "/RUNTIME.data"; }
-    const std::string& Dir() const { return dir_; }
-    void Append(const std::string& plain) {
-        zmtest::WriteFile(Current(), zmtest::Unscramble(plain), true);
-    }
-    void AppendRecords(int from, int to, int cutAt = -1) {
-        for (int i = from; i < to; ++i) {
-            const std::string r = MakeRecord("Poll", i % 2 ? "ZMRuntime" : "PressLine7", "net",
-                                             "record " + std::to_string(i), i % 7, 0, false,
-                                             4000 + i % 13, kT0 + i * 1000LL);
-            Append(r.substr(0, i == cutAt ? 40 : r.size()));
-            if (i != cutAt) continue;
-            for (int n = 8; n >= 0; --n) {  // the roll
-                const std::string from = Current() + (n ? "_" + std::to_string(n) : "");
-                if (zmtest::Exists(from))
-                    std::filesystem::rename(from, Current() + "_" + std::to_string(n + 1));
-            }
-            Append(r.substr(40));
-        }
-    }
-
-  private:
-    std::string dir_;
-};
-
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
-
 // Of the messages received: the expected ones (once each), those again, and
 // whether all were expected and first came in log order.
 struct Figures {
@@ -139,31 +93,42 @@ Figures Count(const std::vector<std::string>& expected, const std::vector<std::s
 
 class ForwardTest : public ::testing::Test {
   protected:
+    // Records "record <i>" of two programs; with cutAt, that one is split by a roll.
+    void AppendRecords(int from, int to, int cutAt = -1) {
+        for (int i = from; i < to; ++i) {
+            const std::string r = MakeRecord("Poll", i % 2 ? "ZMRuntime" : "PressLine7", "net",
+                                             "record " + std::to_string(i), i % 7, 0, false,
+                                             4000 + i % 13, kT0 + i * 1000LL);
+            install.AppendLog(r.substr(0, i == cutAt ? 40 : r.size()));
+            if (i != cutAt) continue;
+            install.RollLog();
+            install.AppendLog(r.substr(40));
+        }
+    }
     zmtest::ProcessResult Zmlog(std::vector<std::string> args) {
-        args.insert(args.end(), {"--hostname=plc7", log.Dir()});
-        return zmtest::Run(zmtest::ZmlogPath(), "zmlog", args, {"TZ=UTC"}, install.Root());
+        args.insert(args.end(), {"--hostname=plc7", install.LogDir()});
+        return install.Zmlog(args);
     }
     // What forwarding must deliver: the messages zmlog prints for the log.
-    std::vector<std::string> Expected() { return Lines(Zmlog({"-o", "syslog", "-q"}).out); }
+    std::vector<std::string> Expected() { return zmtest::Lines(Zmlog({"-o", "syslog", "-q"}).out); }
     std::string Cursor() const { return "--cursor-file=" + install.Root() + "/cursor"; }
     zmtest::Installation install{""};
-    TestLog log{install.LogDir()};
 };
 
 // --output=syslog with a cursor file goes on where the last run stopped; a
 // cursor that cannot be trusted starts again from the oldest file.
 TEST_F(ForwardTest, CursorResumesAfterTheLastRecordDelivered) {
-    log.AppendRecords(0, 3);
+    AppendRecords(0, 3);
     const std::vector<std::string> first = Expected();
     ASSERT_EQ(first.size(), 3U);
     const auto run = [&] { return Zmlog({"-o", "syslog", Cursor()}); };
     auto r = run();
-    EXPECT_EQ(Lines(r.out), first);
+    EXPECT_EQ(zmtest::Lines(r.out), first);
     EXPECT_EQ(r.err, "");
-    EXPECT_EQ(run().out, "");    // all delivered
-    log.AppendRecords(3, 6, 4);  // one cut by a roll: only the new ones come
+    EXPECT_EQ(run().out, "");  // all delivered
+    AppendRecords(3, 6, 4);    // one cut by a roll: only the new ones come
     const std::vector<std::string> all = Expected();
-    EXPECT_EQ(Lines(run().out), std::vector<std::string>(all.begin() + 3, all.end()));
+    EXPECT_EQ(zmtest::Lines(run().out), std::vector<std::string>(all.begin() + 3, all.end()));
 
     const std::string cursor = install.Root() + "/cursor";
     const std::string damaged = "zmlog: WARN: cursor file " + cursor + " is damaged (";
@@ -174,13 +139,13 @@ TEST_F(ForwardTest, CursorResumesAfterTheLastRecordDelivered) {
         {"zmlog-cursor 1\nfile 1:2\noffset 0\n",
          "zmlog: WARN: the log rolled past the cursor while nothing was forwarded: the records "
          "after it, in a file no longer in " +
-             log.Dir() + ", are lost; forwarding from the oldest file\n"},
+             install.LogDir() + ", are lost; forwarding from the oldest file\n"},
     };
     for (const auto& [text, warning] : cursors) {
         zmtest::WriteFile(cursor, text);
         r = run();
         EXPECT_EQ(r.err, warning);
-        EXPECT_EQ(Lines(r.out), all);
+        EXPECT_EQ(zmtest::Lines(r.out), all);
     }
     // The facility and the filters apply: daemon (3), critical (2).
     EXPECT_EQ(Zmlog({"-o", "syslog", "--facility=daemon", "--level=fatal"}).out.substr(0, 7),
@@ -207,10 +172,10 @@ TEST_P(ForwardTransportTest, EveryGoodRecordArrivesOnceInOrder) {
     zmtest::Rsyslog rsyslog(install.Root() + "/rsyslog", input, certs);
     ASSERT_TRUE(rsyslog.Start()) << rsyslog.Errors();
     args[0] += rsyslog.Url();
-    log.AppendRecords(0, 5000, 2000);
-    log.Append(std::string("\x07junk\x00\xff", 7));
-    log.AppendRecords(5000, 10000, 7000);
-    log.Append(MakeRecord("Poll", "ZMRuntime", "", "never finished").substr(0, 40));
+    AppendRecords(0, 5000, 2000);
+    install.AppendLog(std::string("\x07junk\x00\xff", 7));
+    AppendRecords(5000, 10000, 7000);
+    install.AppendLog(MakeRecord("Poll", "ZMRuntime", "", "never finished").substr(0, 40));
     const std::vector<std::string> expected = Expected();
     ASSERT_EQ(expected.size(), 10000U);
 
@@ -219,10 +184,10 @@ TEST_P(ForwardTransportTest, EveryGoodRecordArrivesOnceInOrder) {
     EXPECT_NE(r.err.find("zmlog: forwarded 10000 records to " + rsyslog.Url() + "\n"),
               std::string::npos)
         << r.err;
-    EXPECT_NE(r.err.find("zmlog: skipped 7 damaged bytes in " + log.Current() +
+    EXPECT_NE(r.err.find("zmlog: skipped 7 damaged bytes in " + install.DataFile() +
                          "_1\n"
                          "zmlog: skipped 40 damaged bytes in " +
-                         log.Current() + "\n"),
+                         install.DataFile() + "\n"),
               std::string::npos)
         << r.err;
     // UDP and TCP confirm nothing: wait for rsyslogd to write it all.
@@ -248,17 +213,13 @@ TEST_F(ForwardTest, RelpLosesNothingWhenEitherSideIsKilled) {
     zmtest::Rsyslog rsyslog(install.Root() + "/rsyslog", "relp");
     ASSERT_TRUE(rsyslog.Start()) << rsyslog.Errors();
     const std::vector<std::string> args = {"--forward=" + rsyslog.Url(), "-f", "--hostname=plc7",
-                                           Cursor(), log.Dir()};
-    auto start = [&] {
-        return std::make_unique<zmtest::Child>(zmtest::ZmlogPath(), "zmlog", args,
-                                               std::vector<std::string>{"TZ=UTC"});
-    };
-    auto forwarder = start();
+                                           Cursor(), install.LogDir()};
+    auto forwarder = install.StartZmlog(args);
     std::string killed;  // what the first forwarder said
     // The log grows by 100 records every 10 ms, and rolls once, while the
     // two sides are killed and started again.
     for (int i = 0; i < 100; ++i) {
-        log.AppendRecords(i * 100, i * 100 + 100, i == 60 ? 6000 : -1);
+        AppendRecords(i * 100, i * 100 + 100, i == 60 ? 6000 : -1);
         std::this_thread::sleep_for(10ms);
         if (i == 30) rsyslog.Kill();
         if (i == 40) {
@@ -267,7 +228,7 @@ TEST_F(ForwardTest, RelpLosesNothingWhenEitherSideIsKilled) {
         if (i == 70) {
             forwarder->Signal(SIGKILL);
             killed = forwarder->Wait().err;
-            forwarder = start();
+            forwarder = install.StartZmlog(args);
         }
     }
     const std::vector<std::string> expected = Expected();

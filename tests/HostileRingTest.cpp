@@ -1,15 +1,7 @@
 // The shared ring as untrusted input: whatever a process writes into it, no
 // process dies, and the runtime repairs the ring within about a second.
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstdio>
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "support/Fixtures.h"
 

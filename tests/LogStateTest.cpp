@@ -1,7 +1,6 @@
 // The log state table: switching logging and the USB medium restarts the
 // archiver and sets the shared header's switch.
 #include <fstream>
-#include <string>
 
 #include "archive/ShmArchiver.h"
 #include "lifecycle/LogStateManager.h"

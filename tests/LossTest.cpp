@@ -1,10 +1,5 @@
 // Every record a process could not write is reported in the log, exactly
 // (a full ring's notices: StressTest); a rate limit costs others nothing.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <string>
-#include <thread>
 
 #include "support/Fixtures.h"
 #include "writer/RateLimit.h"

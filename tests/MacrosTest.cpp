@@ -1,10 +1,5 @@
 // The logging macros against a ring owned by this process: the filters run
 // before any argument, and passing calls lay out the record the decoder expects.
-#include <unistd.h>
-
-#include <cstdio>
-#include <string>
-#include <vector>
 
 #include "support/RingFixture.h"
 

@@ -1,12 +1,7 @@
 // The record walker: records found by their framing alone, whatever program
 // wrote them and however the stream is sliced; noise is not taken for them.
-#include <algorithm>
-#include <cstdio>
-#include <cstring>
 #include <random>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 

@@ -1,15 +1,7 @@
 // The log under load, every record accounted for byte for byte; small here,
 // full size in scripts/stress.sh (the ZMLOG_STRESS_* variables).
-#include <gtest/gtest.h>
-#include <signal.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "support/Fixtures.h"
 

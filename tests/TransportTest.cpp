@@ -1,10 +1,6 @@
 // The shared ring: limits, wrap-around, the full-ring rule, the validity
 // check, the lock's deadline and its repair after a holder died.
 #include <semaphore.h>
-#include <signal.h>
-
-#include <chrono>
-#include <string>
 
 #include "support/RingFixture.h"
 #include "transport/MEMManager.h"

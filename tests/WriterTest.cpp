@@ -1,11 +1,6 @@
 // The binary record as WriteLog lays it into the ring.
 #include <sys/wait.h>
 #include <time.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
-#include <string>
 
 #include "support/RingFixture.h"
 

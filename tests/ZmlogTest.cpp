@@ -1,17 +1,8 @@
 // zmlog: its formats and times in memory, and the program run on log files
 // written here, its output compared letter for letter.
-#include <signal.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <filesystem>
-#include <functional>
 #include <random>
-#include <string>
 #include <tuple>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "LogReader.h"
 #include "TimeSpec.h"
@@ -129,19 +120,8 @@ TEST(ZmlogFormat, TimesAsPeopleTypeThemAgainstAFixedClock) {
 // written here.
 class ZmlogRun : public ::testing::Test {
   protected:
-    void SetUp() override { std::filesystem::create_directories(install.LogDir()); }
     std::string LogFile(const std::string& s = "") const { return install.DataFile() + s; }
-    void Write(const std::string& path, const std::string& plain, bool scramble = true) {
-        zmtest::WriteFile(path, scramble ? zmtest::Unscramble(plain) : plain, true);
-    }
-    // Only the log directory is given: the library's set-up would say that
-    // ZM_VELDOR_HOME is not set.
-    std::vector<std::string> Env() const {
-        return {"ZM_VELDOR_DATA=" + install.Data(), "ZM_VELDOR_HOME"};
-    }
-    zmtest::ProcessResult Run(const std::vector<std::string>& args) {
-        return zmtest::Run(zmtest::ZmlogPath(), "zmlog", args, Env(), install.Root());
-    }
+    zmtest::ProcessResult Run(const std::vector<std::string>& args) { return install.Zmlog(args); }
     // Record i of a program, written second i after kT0, and its line.
     static std::string Rec(int i, unsigned level = 2, const std::string& program = "PressLine7",
                            const std::string& function = "Poll", const std::string& tag = "") {
@@ -164,10 +144,10 @@ TEST_F(ZmlogRun, ReadsRolledSetOldestFirstAcrossRollBoundaries) {
     const std::string r1 = Rec(1, 3, "CellEmulation");
     const std::string r2 = Rec(2, 1, "ZMRuntime");
     // Numbered names order by number, not by text: _10 is the oldest.
-    Write(LogFile("_10"), Rec(0));
-    Write(LogFile("_2"), r1.substr(0, 50));  // a record cut by two rolls
-    Write(LogFile("_1"), r1.substr(50) + r2.substr(0, 20));
-    Write(LogFile(), r2.substr(20) + Rec(3, 4, "BusBridge"));
+    install.AppendLog(Rec(0), "_10");
+    install.AppendLog(r1.substr(0, 50), "_2");  // a record cut by two rolls
+    install.AppendLog(r1.substr(50) + r2.substr(0, 20), "_1");
+    install.AppendLog(r2.substr(20) + Rec(3, 4, "BusBridge"));
     const std::string expected = Line(0) + Line(1, "WARN", "CellEmulation") +
                                  Line(2, "DEBUG", "ZMRuntime") + Line(3, "ERROR", "BusBridge");
     // No argument: the library's log directory from ZM_VELDOR_DATA.
@@ -183,9 +163,9 @@ TEST_F(ZmlogRun, ReadsRolledSetOldestFirstAcrossRollBoundaries) {
 
 TEST_F(ZmlogRun, FiltersAndColour) {
     // "MyTool" is no program the library's decoder knows: shown all the same.
-    Write(LogFile(), Rec(0, 2, "ZMRuntime", "Up", "net") +
-                         Rec(1, 3, "CellEmulation", "Poll", "io") +
-                         Rec(2, 4, "MyTool", "Save", "net") + Rec(3, 5, "ZMRuntime", "Down", "io"));
+    install.AppendLog(Rec(0, 2, "ZMRuntime", "Up", "net") +
+                      Rec(1, 3, "CellEmulation", "Poll", "io") +
+                      Rec(2, 4, "MyTool", "Save", "net") + Rec(3, 5, "ZMRuntime", "Down", "io"));
     const std::string up = Line(0, "INFO", "ZMRuntime", "Up", "net");
     const std::string poll = Line(1, "WARN", "CellEmulation", "Poll", "io");
     const std::string save = Line(2, "ERROR", "MyTool", "Save", "net");
@@ -215,18 +195,18 @@ TEST_F(ZmlogRun, StatsCountProgramsLevelsSpanDamageAndLosses) {
         return MakeRecord("ReportLosses", "MyTool", "zmlog", content, 3, 0, false, 0,
                           kT0 + s * 1000000LL);
     };
-    Write(LogFile("_1"), "junk" + Rec(0, 2, "ZMRuntime"));
-    Write(LogFile(), Rec(1, 3, "CellEmulation") +
-                         notice(2,
-                                "lost 5 records: lock busy 3, ring full 0, too long 2, rate "
-                                "limited 0, since 22:13:20.000") +
-                         notice(2, "discarded 1000 bytes of unread records") +
-                         // A writer's record that reads like a notice is not one.
-                         MakeRecord("Poll", "ZMRuntime", "zmlog",
-                                    "lost 7 records: lock busy 7, ring full 0, too long 0, rate "
-                                    "limited 0, since 22:13:20.000",
-                                    3, 0, false, 4711, kT0 + 3000000LL) +
-                         Rec(5, 2, "ZMRuntime").substr(0, 40));
+    install.AppendLog("junk" + Rec(0, 2, "ZMRuntime"), "_1");
+    install.AppendLog(Rec(1, 3, "CellEmulation") +
+                      notice(2,
+                             "lost 5 records: lock busy 3, ring full 0, too long 2, rate "
+                             "limited 0, since 22:13:20.000") +
+                      notice(2, "discarded 1000 bytes of unread records") +
+                      // A writer's record that reads like a notice is not one.
+                      MakeRecord("Poll", "ZMRuntime", "zmlog",
+                                 "lost 7 records: lock busy 7, ring full 0, too long 0, rate "
+                                 "limited 0, since 22:13:20.000",
+                                 3, 0, false, 4711, kT0 + 3000000LL) +
+                      Rec(5, 2, "ZMRuntime").substr(0, 40));
     // Damaged: "junk" and the cut record's 40 bytes.
     const std::string expected =
         "records: 5\nspan: 2023-11-14 22:13:20.123456 .. 2023-11-14 22:13:23.123456\n"
@@ -250,20 +230,20 @@ TEST_F(ZmlogRun, StatsCountProgramsLevelsSpanDamageAndLosses) {
 TEST_F(ZmlogRun, SaysWhatItCouldNotReadAndNothingElse) {
     // Unknown level and value type and extreme times are damage; a typed
     // value with fewer bytes than its type at the very end reads as zeros.
-    Write(LogFile("_1"), Rec(0) + "junk" +
-                             MakeRecord("l7", "emu_core", "", "x", 7, 0, false, 1, INT64_MIN) +
-                             MakeRecord("vt", "emu_core", "", "x", 2, 99, false, 1, INT64_MAX));
-    Write(LogFile(),
-          "bad" + Rec(1) +
-              MakeRecord("Short", "ZMRuntime", "", "", 2, 13, false, 4711, kT0 + 3000000));
+    install.AppendLog(Rec(0) + "junk" +
+                          MakeRecord("l7", "emu_core", "", "x", 7, 0, false, 1, INT64_MIN) +
+                          MakeRecord("vt", "emu_core", "", "x", 2, 99, false, 1, INT64_MAX),
+                      "_1");
+    install.AppendLog("bad" + Rec(1) +
+                      MakeRecord("Short", "ZMRuntime", "", "", 2, 13, false, 4711, kT0 + 3000000));
     std::string noise(100000, '\0');
     std::mt19937 random(3);
     for (char& c : noise) c = static_cast<char>(random());
     const std::string noiseFile = install.Root() + "/noise.data";
-    Write(noiseFile, noise, false);
+    zmtest::WriteFile(noiseFile, noise);
     const std::string textLog = "2023-11-14 22:13:20.123|4711|INFO|main|netlink up\n";
     const std::string textFile = install.Root() + "/PressLine7.log";
-    Write(textFile, textLog, false);
+    zmtest::WriteFile(textFile, textLog);
     const std::string lines =
         Line(0) + Line(1) + "2023-11-14 22:13:23.123 ZMRuntime[4711] INFO Short: 0\n";
     const std::string damage =
@@ -303,27 +283,26 @@ TEST_F(ZmlogRun, FollowerPrintsEveryRecordOnceAcrossRolls) {
         }
         return plain;
     };
-    Write(LogFile(), records(5));
-    zmtest::Child follow(zmtest::ZmlogPath(), "zmlog", {"-f"}, Env(), install.Root());
-    ASSERT_TRUE(follow.WaitForOutput(Line(4)));
-    Write(LogFile(), records(1));
-    ASSERT_TRUE(follow.WaitForOutput(Line(5)));
-    follow.Signal(SIGSTOP);
-    const std::string stat = "/proc/" + std::to_string(follow.Pid()) + "/stat";
+    install.AppendLog(records(5));
+    auto follow = install.StartZmlog({"-f"});
+    ASSERT_TRUE(follow->WaitForOutput(Line(4)));
+    install.AppendLog(records(1));
+    ASSERT_TRUE(follow->WaitForOutput(Line(5)));
+    follow->Signal(SIGSTOP);
+    const std::string stat = "/proc/" + std::to_string(follow->Pid()) + "/stat";
     ASSERT_TRUE(zmtest::WaitUntil(
         [&] { return zmtest::ReadFile(stat).find(") T ") != std::string::npos; }));
     for (int roll = 0; roll < 2; ++roll) {
         const std::string plain = records(5);
         const std::string cut = records(1);
-        Write(LogFile(), plain + cut.substr(0, 30));
-        if (roll == 1) std::filesystem::rename(LogFile("_1"), LogFile("_2"));
-        std::filesystem::rename(LogFile(), LogFile("_1"));
-        Write(LogFile(), cut.substr(30) + records(4));
+        install.AppendLog(plain + cut.substr(0, 30));
+        install.RollLog();
+        install.AppendLog(cut.substr(30) + records(4));
     }
-    follow.Signal(SIGCONT);
-    Write(LogFile(), records(1));
-    ASSERT_TRUE(follow.WaitForOutput(Line(next - 1))) << follow.OutSoFar();
-    EXPECT_EQ(follow.OutSoFar(), expected);
+    follow->Signal(SIGCONT);
+    install.AppendLog(records(1));
+    ASSERT_TRUE(follow->WaitForOutput(Line(next - 1))) << follow->OutSoFar();
+    EXPECT_EQ(follow->OutSoFar(), expected);
 }
 
 }  // namespace

@@ -8,12 +8,8 @@
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstring>
 #include <random>
-#include <string>
 
 #include "helpers/Steps.h"
 #include "log/RingHead.h"

@@ -12,13 +12,7 @@
 //                         SIGILL and SIGABRT, how many the library handles
 #include <dlfcn.h>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/resource.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <thread>
 
 #include "helpers/Steps.h"
 #include "log/ZMRuntimeLog.h"

@@ -11,20 +11,14 @@
 //                         <CPU list> process <CPU list>"
 //   fork=<n>              4 threads log while n children are forked, each
 //                         writing "child-<i>": "children <n> hung <k>"
-#include <dirent.h>
-#include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <fstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "helpers/Steps.h"
 #include "log/ZMRuntimeLog.h"
+#include "support/TestSupport.h"
 #include "support/ThreadNames.h"
 
 #if defined(__has_feature)
@@ -35,6 +29,7 @@
 #endif
 
 using namespace PF::Utils::LOG;
+using namespace std::chrono_literals;
 using namespace zmhelper;
 
 namespace {
@@ -46,17 +41,6 @@ void NotLeakChecked() {
 #endif
 }
 
-// Task ids of this process's threads of that name.
-std::vector<std::string> Tasks(const std::string& name) {
-    std::vector<std::string> tasks;
-    DIR* dir = opendir("/proc/self/task");
-    while (dirent* e = dir != nullptr ? readdir(dir) : nullptr)
-        if (e->d_name[0] != '.' && zmtest::ThreadName(e->d_name) == name)
-            tasks.emplace_back(e->d_name);
-    if (dir != nullptr) closedir(dir);
-    return tasks;
-}
-
 std::string CpuList(const std::string& task) {
     std::ifstream status("/proc/self/task/" + task + "/status");
     for (std::string line; std::getline(status, line);)
@@ -66,7 +50,7 @@ std::string CpuList(const std::string& task) {
 }
 
 void ExitLogging(const std::string&, const std::string& args) {
-    for (unsigned long t = 0; t < Numbers(args).at(0); ++t) {
+    for (unsigned long t = 0; t < std::stoul(args); ++t) {
         std::thread([] {
             NotLeakChecked();
             for (unsigned long i = 0;; ++i) {
@@ -75,11 +59,11 @@ void ExitLogging(const std::string&, const std::string& args) {
             }
         }).detach();
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::this_thread::sleep_for(20ms);
 }
 
 void Cycles(const std::string&, const std::string& args) {
-    for (unsigned long i = 0; i < Numbers(args).at(0); ++i) {
+    for (unsigned long i = 0; i < std::stoul(args); ++i) {
         StartRuntimeLog();
         ReleaseRuntimeLog();
     }
@@ -89,18 +73,14 @@ void Cycles(const std::string&, const std::string& args) {
 
 void Resources(const std::string&, const std::string&) {
     int inotify = 0, zmlog = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* e = dir != nullptr ? readdir(dir) : nullptr) {
-        char target[64] = {};
-        const std::string link = std::string("/proc/self/fd/") + e->d_name;
-        inotify += readlink(link.c_str(), target, sizeof target - 1) > 0 &&
-                   std::string(target) == "anon_inode:inotify";
+    for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code ec;  // one may be closed meanwhile
+        inotify += std::filesystem::read_symlink(fd, ec) == "anon_inode:inotify";
     }
-    if (dir != nullptr) closedir(dir);
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);)
         zmlog += line.find("/dev/shm/ZMLOG") != std::string::npos;
-    Say("monitors " + std::to_string(Tasks("MonitorConfi").size()) + " inotify " +
+    Say("monitors " + std::to_string(zmtest::Tasks("MonitorConfi").size()) + " inotify " +
         std::to_string(inotify) + " zmlog " + std::to_string(zmlog) + " ");
 }
 
@@ -108,20 +88,17 @@ void SignalMonitor(const std::string&, const std::string& args) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &action, nullptr);  // no SA_RESTART: a blocked call returns EINTR
-    for (unsigned long i = 0; i < Numbers(args).at(0); ++i) {
-        for (const std::string& task : Tasks("MonitorConfi"))
+    for (unsigned long i = 0; i < std::stoul(args); ++i) {
+        for (const std::string& task : zmtest::Tasks("MonitorConfi"))
             tgkill(getpid(), std::stoi(task), SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::this_thread::sleep_for(10ms);
     }
     Say("signalled");
 }
 
 void Affinity(const std::string&, const std::string&) {
-    auto archiver = Tasks("ShmReadToBinary");
-    for (int waited = 0; archiver.empty() && waited < 10000; waited += 5) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        archiver = Tasks("ShmReadToBinary");
-    }
+    std::vector<std::string> archiver;
+    zmtest::WaitUntil([&] { return !(archiver = zmtest::Tasks("ShmReadToBinary")).empty(); });
     Say("archiver " + (archiver.empty() ? std::string("none") : CpuList(archiver[0])) +
         " process " + CpuList(std::to_string(getpid())));
 }
@@ -133,32 +110,29 @@ void Fork(const std::string&, const std::string& args) {
         loggers.emplace_back([&stop] {
             while (!stop.load()) {
                 ZMLOG_INFO("parent", "busy");
-                std::this_thread::sleep_for(std::chrono::microseconds(100));
+                std::this_thread::sleep_for(100us);
             }
         });
     }
-    const unsigned long children = Numbers(args).at(0);
+    const unsigned long children = std::stoul(args);
     std::vector<pid_t> pids;
     for (unsigned long i = 0; i < children; ++i) {
-        const pid_t child = fork();
-        if (child == 0) {
+        pids.push_back(fork());
+        if (pids.back() == 0) {
             ZMLOG_INFO_F("fork", "child-%lu", i);
             std::exit(0);
         }
-        pids.push_back(child);
     }
     // A child that has not ended within 10 s hangs.
     int hung = 0;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
     for (const pid_t child : pids) {
-        while (waitpid(child, nullptr, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                kill(child, SIGKILL);
-                waitpid(child, nullptr, 0);
-                ++hung;
-                break;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (!zmtest::WaitUntil([&] { return waitpid(child, nullptr, WNOHANG) != 0; }, left)) {
+            kill(child, SIGKILL);
+            waitpid(child, nullptr, 0);
+            ++hung;
         }
     }
     stop = true;

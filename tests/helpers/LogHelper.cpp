@@ -28,16 +28,9 @@
 // Steps of a feature of their own live in a file of their own beside this
 // one and register with ZMHELPER_STEP (Steps.h).
 #include <semaphore.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <functional>
-#include <string>
-#include <thread>
-#include <vector>
+#include <sstream>
 
 #include "helpers/Steps.h"
 #include "log/ZMRuntimeLog.h"
@@ -47,6 +40,7 @@
 
 using namespace PF::Utils::LOG;
 using namespace zmhelper;
+using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -55,13 +49,8 @@ long long UsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
 }
 
-bool WaitFor(const std::function<bool()>& pred, int ms) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(ms);
-    while (!pred()) {
-        if (Clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+void WaitForLine() {
+    for (char c = 0; read(0, &c, 1) == 1 && c != '\n';) continue;
 }
 
 unsigned long gSeq[64] = {};  // per thread, run on across log steps
@@ -98,7 +87,7 @@ void LogThreads(const std::string& role, const std::vector<unsigned long>& n) {
     for (unsigned t = 0; t < threads; ++t)
         writers.emplace_back([&, t] { reports[t] = Log(role, t, n); });
     if (n.at(0) == 0) {
-        LineArrived(true);
+        WaitForLine();
         gStop = true;
     }
     for (auto& w : writers) w.join();
@@ -109,7 +98,9 @@ bool RunStep(const std::string& role, const std::string& step) {
     const size_t eq = step.find('=');
     const std::string name = step.substr(0, eq);
     const std::string args = eq == std::string::npos ? "" : step.substr(eq + 1);
-    const std::vector<unsigned long> n = Numbers(args);
+    std::vector<unsigned long> n;  // "3,64,1000" -> {3, 64, 1000}
+    std::istringstream numbers(args);
+    for (unsigned long v; numbers >> v; numbers.ignore(1)) n.push_back(v);
     const unsigned long first = n.empty() ? 0 : n[0];
     if (name == "probe") {
         Say("up=" + std::to_string(IsUPEnvironment()) +
@@ -129,18 +120,16 @@ bool RunStep(const std::string& role, const std::string& step) {
         SetLogLevel(static_cast<unsigned>(first));
         Say("level set");
     } else if (name == "wait-level") {
-        const bool seen = WaitFor(
-            [&] {
-                return RingHead::GetInstance() && RingHead::GetInstance()->LoadLevel() == first;
-            },
-            10000);
+        const bool seen = zmtest::WaitUntil([&] {
+            return RingHead::GetInstance() && RingHead::GetInstance()->LoadLevel() == first;
+        });
         Say(seen ? "level " + args : "level not seen");
     } else if (name == "bind") {
         BindCPUCore(static_cast<int>(first));
         Say("bound");
     } else if (name == "wait") {
         Say("waiting");
-        LineArrived(true);
+        WaitForLine();
     } else if (name == "pause") {
         Say("paused");
         for (;;) pause();
@@ -157,16 +146,17 @@ bool RunStep(const std::string& role, const std::string& step) {
         name == "hold-lock" ? sem_wait(SemManager::sem) : sem_post(SemManager::sem);
         Say(name == "hold-lock" ? "locked" : "unlocked");
     } else if (name == "sleep") {
-        std::this_thread::sleep_for(std::chrono::milliseconds(first));
+        std::this_thread::sleep_for(first * 1ms);
         Say("slept");
     } else if (name == "lock-free") {
         // A live holder keeps the lock for microseconds; one that died with
         // it leaves it taken until the runtime repairs the ring.
         const auto start = Clock::now();
-        const bool free = WaitFor([] { return GetWriteSemStatus() > 0; }, static_cast<int>(first));
+        const bool free = zmtest::WaitUntil([] { return GetWriteSemStatus() > 0; },
+                                            std::chrono::milliseconds(first));
         Say(free ? "free after " + std::to_string(UsSince(start) / 1000) + " ms" : "taken");
-    } else if (const zmhelper::Step* registered = FindStep(name)) {
-        (*registered)(role, args);
+    } else if (Steps().count(name) != 0) {
+        Steps()[name](role, args);
     } else {
         Say("unknown step " + step);
         return false;

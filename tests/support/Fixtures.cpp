@@ -1,11 +1,7 @@
 #include "support/Fixtures.h"
 
-#include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 
@@ -46,8 +42,11 @@ void Installation::ExportEnv() {
 }
 
 std::unique_ptr<Child> Installation::Start(const std::string& role,
-                                           const std::vector<std::string>& steps) const {
-    return std::make_unique<Child>(HelperPath(), role, steps, Env(), root_);
+                                           const std::vector<std::string>& steps,
+                                           const std::vector<std::string>& env) const {
+    std::vector<std::string> all = Env();
+    all.insert(all.end(), env.begin(), env.end());
+    return std::make_unique<Child>(HelperPath(), role, steps, all, root_);
 }
 
 ProcessResult Installation::Run(const std::string& role,
@@ -55,8 +54,26 @@ ProcessResult Installation::Run(const std::string& role,
     return Start(role, steps)->Wait();
 }
 
+std::unique_ptr<Child> Installation::StartZmlog(const std::vector<std::string>& args) const {
+    return std::make_unique<Child>(ZmlogPath(), "zmlog", args,
+                                   std::vector<std::string>{Env()[1], "ZM_VELDOR_HOME"}, root_);
+}
+
 ProcessResult Installation::Zmlog(const std::vector<std::string>& args) const {
-    return zmtest::Run(ZmlogPath(), "zmlog", args, Env(), root_);
+    return StartZmlog(args)->Wait();
+}
+
+void Installation::AppendLog(const std::string& plain, const std::string& suffix) const {
+    fs::create_directories(LogDir());
+    WriteFile(DataFile() + suffix, Unscramble(plain), true);
+}
+
+void Installation::RollLog() const {  // RUNTIME.data -> _1 -> _2 ...
+    int last = 0;
+    while (Exists(DataFile() + "_" + std::to_string(last + 1))) ++last;
+    for (int n = last; n >= 0; --n)
+        fs::rename(DataFile() + (n ? "_" + std::to_string(n) : ""),
+                   DataFile() + "_" + std::to_string(n + 1));
 }
 
 Runtime::Runtime(const Installation& install)
@@ -73,6 +90,15 @@ ProcessResult Runtime::Release() {
     return r;
 }
 
+namespace {
+// The seq and thread of one of the helper's records, "<role>-<seq>[/<t>]".
+bool SeqOf(const Record& r, long& seq, unsigned& t) {
+    t = 0;
+    return r.tag == "seq" && r.content.rfind(r.program + "-", 0) == 0 &&
+           std::sscanf(r.content.c_str() + r.program.size(), "-%ld/%u", &seq, &t) >= 1;
+}
+}  // namespace
+
 DecodedLog::DecodedLog(const std::string& dataFile, long from) {
     int oldest = 0;
     while (Exists(dataFile + "_" + std::to_string(oldest + 1))) ++oldest;
@@ -85,26 +111,20 @@ DecodedLog::DecodedLog(const std::string& dataFile, long from) {
         bytes += plain.size();
     }
     for (const Record& r : records) {
-        unsigned t = 0;
         long seq = -1;
-        if (r.tag == "seq" && r.head.threadId != 0 &&
-            (r.content.rfind(r.program + "-", 0) != 0 ||
-             std::sscanf(r.content.c_str() + r.program.size(), "-%ld/%u", &seq, &t) < 1 ||
-             r.content !=
-                 SeqContent(r.program, t, static_cast<unsigned long>(seq), r.content.size())))
-            ++corrupt;
+        unsigned t = 0;
+        corrupt +=
+            r.tag == "seq" && r.head.threadId != 0 &&
+            (!SeqOf(r, seq, t) || r.content != SeqContent(r.program, t, seq, r.content.size()));
     }
 }
 
 std::vector<long> DecodedLog::Seqs(const std::string& role, unsigned t) const {
     std::vector<long> seqs;
     for (const Record& r : records) {
-        unsigned thread = 0;
         long seq = -1;
-        if (r.program == role && r.tag == "seq" && r.content.rfind(role + "-", 0) == 0 &&
-            std::sscanf(r.content.c_str() + role.size(), "-%ld/%u", &seq, &thread) >= 1 &&
-            thread == t)
-            seqs.push_back(seq);
+        unsigned thread = 0;
+        if (r.program == role && SeqOf(r, seq, thread) && thread == t) seqs.push_back(seq);
     }
     return seqs;
 }

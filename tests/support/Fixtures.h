@@ -2,9 +2,7 @@
 // helper program in a role inside it, a runtime, and what reached the log.
 #pragma once
 
-#include <memory>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include "support/TestSupport.h"
 
@@ -37,12 +35,19 @@ class Installation {
     void ExportEnv();
 
     // The helper program as role, running steps, with the installation's
-    // root as its working directory.
-    std::unique_ptr<Child> Start(const std::string& role,
-                                 const std::vector<std::string>& steps) const;
+    // root as its working directory and env added to its environment.
+    std::unique_ptr<Child> Start(const std::string& role, const std::vector<std::string>& steps,
+                                 const std::vector<std::string>& env = {}) const;
     ProcessResult Run(const std::string& role, const std::vector<std::string>& steps) const;
-    // zmlog run in the installation.
+    // zmlog run in the installation, ZM_VELDOR_HOME unset: it needs only the
+    // log directory, and the library must not speak of the rest.
+    std::unique_ptr<Child> StartZmlog(const std::vector<std::string>& args) const;
     ProcessResult Zmlog(const std::vector<std::string>& args) const;
+
+    // Plain records appended scrambled to RUNTIME.data (or a rolled one:
+    // suffix "_1"...), as the archiver writes them; a roll as it rolls.
+    void AppendLog(const std::string& plain, const std::string& suffix = "") const;
+    void RollLog() const;
 
   private:
     GlobalNamesLock names_;  // first: held before anything is created

@@ -2,10 +2,6 @@
 // logging active at TRACE.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "log/ZMRuntimeLog.h"
 #include "support/Fixtures.h"
 #include "transport/SHMManager.h"

@@ -4,14 +4,8 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <filesystem>
-#include <memory>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "support/TestSupport.h"
 
@@ -107,11 +101,7 @@ class Rsyslog {
     // The messages received so far: whole lines only, it may be writing one.
     std::vector<std::string> Received() const {
         const std::string text = ReadFile(dir_ + "/received");
-        std::vector<std::string> lines;
-        for (std::size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos;
-             at = end + 1)
-            lines.push_back(text.substr(at, end - at));
-        return lines;
+        return Lines(text.substr(0, text.rfind('\n') + 1));
     }
     std::string Errors() const { return ReadFile(dir_ + "/out"); }
 

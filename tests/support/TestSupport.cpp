@@ -3,18 +3,14 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <semaphore.h>
-#include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "decode/RecordWalker.h"
 
@@ -172,6 +168,13 @@ long FileSize(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
 }
 
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
 void Figure(const std::string& text) {
     std::printf("[ figures  ] %s\n", text.c_str());
     std::fflush(stdout);
@@ -188,10 +191,7 @@ std::string CaptureFd(int fd, const std::function<void()>& fn) {
     fflush(nullptr);
     dup2(saved, fd);
     close(saved);
-    std::string text;
-    char buf[4096];
-    for (ssize_t n, at = 0; (n = pread(tmp, buf, sizeof buf, at)) > 0; at += n)
-        text.append(buf, static_cast<size_t>(n));
+    const std::string text = ReadFile("/proc/self/fd/" + std::to_string(tmp));
     close(tmp);
     return text;
 }

@@ -1,12 +1,22 @@
 // Plumbing shared by the tests: child processes started with a role name as
-// argv[0], files, captured output, and records built and walked.
+// argv[0], files, captured output, and records built and walked; and the
+// standard headers every test uses.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "log/LogHead.h"
@@ -65,6 +75,7 @@ std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes, bool append = false);
 bool Exists(const std::string& path);
 long FileSize(const std::string& path);  // -1 when missing
+std::vector<std::string> Lines(const std::string& text);
 // A measured figure, printed as "[ figures  ] text" beside the test's output.
 void Figure(const std::string& text);
 // Captures what fn writes to fd 1 or 2 (through dup2).

@@ -1,32 +1,40 @@
-// Names of this process's threads, "main,ShmReadToBinary,...", as the kernel
-// shows them in /proc/self/task/*/comm (the main thread's is the executable's).
+// This process's threads as the kernel names them in /proc/self/task/*/comm
+// (the main thread's name is the executable's).
 #pragma once
 
-#include <dirent.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
+#include <vector>
 
 namespace zmtest {
 
-inline std::string ThreadName(const std::string& task) {
-    std::string name;
-    std::getline(std::ifstream("/proc/self/task/" + task + "/comm"), name);
-    return name;
+// The name of each thread by its task id.
+inline std::map<std::string, std::string> Threads() {
+    std::map<std::string, std::string> threads;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
+        std::getline(std::ifstream(task.path() / "comm"), threads[task.path().filename()]);
+    return threads;
 }
 
+inline std::vector<std::string> Tasks(const std::string& name) {
+    std::vector<std::string> tasks;
+    for (const auto& [task, named] : Threads())
+        if (named == name) tasks.push_back(task);
+    return tasks;
+}
+
+// "main,ShmReadToBinary,...", without ThreadSanitizer's own thread, which is
+// named like the main thread.
 inline std::string ThreadNames() {
-    // ThreadSanitizer runs a thread of its own, named like the main thread.
-    const std::string mainTask = std::to_string(getpid());
-    const std::string mainName = ThreadName(mainTask);
-    std::string names = mainName;
-    DIR* dir = opendir("/proc/self/task");
-    while (dirent* e = dir != nullptr ? readdir(dir) : nullptr) {
-        const std::string name = ThreadName(e->d_name);
-        if (e->d_name[0] != '.' && e->d_name != mainTask && name != mainName) names += "," + name;
-    }
-    if (dir != nullptr) closedir(dir);
+    auto threads = Threads();
+    const std::string main = threads[std::to_string(getpid())];
+    std::string names = main;
+    for (const auto& [task, name] : threads)
+        if (name != main) names += "," + name;
     return names;
 }
 
