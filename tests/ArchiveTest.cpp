@@ -64,9 +64,6 @@ class ArchiverTest : public zmtest::SharedRingTest {
         EXPECT_TRUE(archiver->init());
         archiver->StartThread();
     }
-    void Enqueue(const std::string& bytes) {
-        ASSERT_EQ(ring->Enqueue(const_cast<char*>(bytes.data()), bytes.size()), bytes.size());
-    }
     std::shared_ptr<ShmArchiver>& archiver = ShmArchiver::GetInstancePtr();
     std::string file = install.DataFile();
 };
@@ -74,18 +71,16 @@ class ArchiverTest : public zmtest::SharedRingTest {
 TEST_F(ArchiverTest, RecordsOfAnotherProcessReachTheFileScrambled) {
     Start(install.LogDir());
     ASSERT_EQ(install.Run("CellEmulation", {"log=3"}).exitCode, 0);
-    const auto seqs = [&] { return zmtest::DecodedLog(file).Seqs("CellEmulation"); };
-    ASSERT_TRUE(zmtest::WaitUntil([&] { return seqs().size() == 3; }));
+    ASSERT_TRUE(zmtest::WaitUntil([&] { return zmtest::DecodedLog(file).records.size() == 3; }));
     const zmtest::DecodedLog log(file);
     EXPECT_EQ(log.damagedBytes + log.corrupt, 0U);  // nothing but the records themselves
-    EXPECT_EQ(log.records.size(), 3U);
-    EXPECT_EQ(seqs(), (std::vector<long>{0, 1, 2}));
+    EXPECT_EQ(log.Seqs("CellEmulation"), (std::vector<long>{0, 1, 2}));
 
     const std::string raw = zmtest::ReadFile(file);
     std::this_thread::sleep_for(350ms);  // empty ticks leave the file alone
     EXPECT_EQ(zmtest::ReadFile(file), raw);
     ASSERT_EQ(unlink(file.c_str()), 0);  // a vanished file is recreated at the next drain
-    Enqueue("xyz");
+    ASSERT_EQ(Put("xyz"), 3U);
     ASSERT_TRUE(zmtest::WaitUntil([&] { return zmtest::ReadFile(file) == Unscramble("xyz"); }));
 }
 
@@ -102,9 +97,9 @@ TEST_F(ArchiverTest, StartProbesRolledFilesAndRollsOnlyPastTheLimit) {
         zmtest::WriteFile(path + "_2", "two");
         Start(dir, maxRoll);
         auto fillThenRoll = [&] {
-            Enqueue(std::string(100, 'x'));  // exactly reaches the limit: no roll yet
+            ASSERT_EQ(Put(std::string(100, 'x')), 100U);  // exactly reaches the limit: no roll yet
             EXPECT_TRUE(zmtest::WaitUntil([&] { return zmtest::FileSize(path) == 20971519; }));
-            Enqueue("A");
+            ASSERT_EQ(Put("A"), 1U);
             EXPECT_TRUE(zmtest::WaitUntil([&] { return zmtest::FileSize(path) == 1; }));
             archiver->StopThread();
         };
@@ -130,7 +125,7 @@ TEST_F(ArchiverTest, UnopenableFileIsReportedAndTextModeWritesPlain) {
 
     ConfManager::outputMode = true;  // as in a process without an installation
     Start(install.LogDir());
-    Enqueue("a text line\n");
+    ASSERT_EQ(Put("a text line\n"), 12U);
     const std::string path = install.LogDir() + "/LogAutoTest.log";
     EXPECT_TRUE(zmtest::WaitUntil([&] { return zmtest::ReadFile(path) == "a text line\n"; }));
 }

@@ -50,13 +50,9 @@ TEST(Fault, RuntimeKilledAndStartedAgainLosesNothing) {
         Figure(std::string(role) + ": " + std::to_string(reports[0].written) + " written, " +
                std::to_string(reports[0].dropped.size()) + " dropped by the lock's deadline");
     }
-    int notices = 0;
-    for (const Record& r : log.records) {
-        if (r.function != "SalvageRing") continue;
-        ++notices;
-        EXPECT_EQ(r.content.rfind("recovered ", 0), 0U) << r.content;
-    }
-    EXPECT_EQ(notices, 5);
+    const auto notices = log.Notices("SalvageRing");
+    EXPECT_EQ(notices.size(), 5U);
+    for (const auto& n : notices) EXPECT_EQ(n.rfind("recovered ", 0), 0U) << n;
 }
 
 // The next runtime writes the newest records of an overflowed ring first; of a
@@ -68,9 +64,7 @@ TEST(Fault, NewRuntimeRecoversTheNewestRecordsOrNothingOfADamagedRing) {
     {
         Runtime runtime(install);
         ASSERT_TRUE(WaitUntil([&] {  // the notice comes last
-            const auto records = DecodedLog(install.DataFile()).records;
-            return std::any_of(records.begin(), records.end(),
-                               [](const Record& r) { return r.function == "SalvageRing"; });
+            return !DecodedLog(install.DataFile()).Notices("SalvageRing").empty();
         }));
         runtime.Process().Signal(SIGKILL);
     }

@@ -159,19 +159,10 @@ class ForwardTransportTest : public ForwardTest,
 // unfinished record at the end: only the good records go out, once each.
 TEST_P(ForwardTransportTest, EveryGoodRecordArrivesOnceInOrder) {
     if (!zmtest::Rsyslog::Available()) GTEST_SKIP() << "rsyslog or openssl not installed";
-    const std::string input = GetParam();
-    const std::string certs = install.Root() + "/certs";
-    std::filesystem::create_directories(certs);
-    std::vector<std::string> args = {"--forward=", Cursor()};
-    if (input == "tls" || input == "relp-tls") {
-        ASSERT_TRUE(zmtest::MakeTestCertificates(certs));
-        args.insert(args.end(),
-                    {"--tls-ca=" + certs + "/ca.pem", "--tls-cert=" + certs + "/client.pem",
-                     "--tls-key=" + certs + "/client.key"});
-    }
-    zmtest::Rsyslog rsyslog(install.Root() + "/rsyslog", input, certs);
+    zmtest::Rsyslog rsyslog(install.Root(), GetParam());
     ASSERT_TRUE(rsyslog.Start()) << rsyslog.Errors();
-    args[0] += rsyslog.Url();
+    std::vector<std::string> args = rsyslog.ForwardArgs();
+    args.push_back(Cursor());
     AppendRecords(0, 5000, 2000);
     install.AppendLog(std::string("\x07junk\x00\xff", 7));
     AppendRecords(5000, 10000, 7000);
@@ -193,7 +184,7 @@ TEST_P(ForwardTransportTest, EveryGoodRecordArrivesOnceInOrder) {
     // UDP and TCP confirm nothing: wait for rsyslogd to write it all.
     zmtest::WaitUntil([&] { return rsyslog.Received().size() >= expected.size(); });
     const std::vector<std::string> received = rsyslog.Received();
-    Count(expected, received, input);
+    Count(expected, received, GetParam());
     EXPECT_EQ(received, expected);
     // The cursor holds: nothing is sent again.
     EXPECT_NE(Zmlog(args).err.find("zmlog: forwarded 0 records"), std::string::npos);
@@ -210,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(Transports, ForwardTransportTest,
 // started again: every record arrives, a few twice.
 TEST_F(ForwardTest, RelpLosesNothingWhenEitherSideIsKilled) {
     if (!zmtest::Rsyslog::Available()) GTEST_SKIP() << "rsyslog or openssl not installed";
-    zmtest::Rsyslog rsyslog(install.Root() + "/rsyslog", "relp");
+    zmtest::Rsyslog rsyslog(install.Root(), "relp");
     ASSERT_TRUE(rsyslog.Start()) << rsyslog.Errors();
     const std::vector<std::string> args = {"--forward=" + rsyslog.Url(), "-f", "--hostname=plc7",
                                            Cursor(), install.LogDir()};

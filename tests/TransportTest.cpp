@@ -16,50 +16,46 @@ std::string Pattern(size_t n, unsigned seed) {
     return s;
 }
 
-unsigned Put(RingHead* ring, const std::string& bytes) {
-    return ring->Enqueue(const_cast<char*>(bytes.data()), static_cast<unsigned>(bytes.size()));
-}
-
 }  // namespace
 
 TEST_F(SharedRingTest, LimitsWrapAndTheFullRingRule) {
     const std::string big = Pattern(ring->mask + 1, 7);
     EXPECT_EQ(ring->Enqueue(const_cast<char*>(big.data()), 0), 0U);
-    EXPECT_EQ(Put(ring, big), 0U);
-    ASSERT_EQ(Put(ring, big.substr(0, ring->mask)), ring->mask);
+    EXPECT_EQ(Put(big), 0U);
+    ASSERT_EQ(Put(big.substr(0, ring->mask)), ring->mask);
     EXPECT_EQ(Drain(), big.substr(0, ring->mask));
 
     // A record straddling the end of the data area reads back identical.
-    ASSERT_EQ(Put(ring, Pattern(ring->capacity - 100, 1)), ring->capacity - 100);
+    ASSERT_EQ(Put(Pattern(ring->capacity - 100, 1)), ring->capacity - 100);
     Drain();
     const std::string straddling = Pattern(300, 2);
-    ASSERT_EQ(Put(ring, straddling), 300U);
+    ASSERT_EQ(Put(straddling), 300U);
     EXPECT_EQ(Drain(), straddling);
 
     // A ring too full for a record throws its unread bytes away: the newest win.
-    Put(ring, Pattern(ring->capacity / 2 + 10, 3));
+    Put(Pattern(ring->capacity / 2 + 10, 3));
     const std::string newest = Pattern(ring->capacity / 2 + 20, 4);
-    Put(ring, newest);
+    Put(newest);
     EXPECT_EQ(Drain(), newest);
     EXPECT_TRUE(ring->CheckValid());
 
     // The free-running indices wrap at 32 bits.
     const unsigned start = 0xFFFFFF00U;
     ring->prodHead = ring->prodTail = ring->consHead = ring->consTail = start;
-    ASSERT_EQ(Put(ring, straddling), 300U);
+    ASSERT_EQ(Put(straddling), 300U);
     EXPECT_EQ(ring->prodTail, start + 300U);
     EXPECT_EQ(Drain(), straddling);
 }
 
 TEST_F(SharedRingTest, InvalidHeaderStopsAllTrafficSilently) {
     const std::string before = Pattern(64, 5);
-    Put(ring, before);
+    Put(before);
     ASSERT_TRUE(ring->SetLevel(7));
-    EXPECT_EQ(Put(ring, Pattern(64, 6)), 64U);  // the caller never learns of the drop
+    EXPECT_EQ(Put(Pattern(64, 6)), 64U);  // the caller never learns of the drop
     EXPECT_FALSE(ring->CheckValid());
     EXPECT_EQ(Drain(), "");
     ASSERT_TRUE(ring->SetLevel(6));  // Record is a valid level
-    EXPECT_EQ(Put(ring, Pattern(64, 6)), 64U);
+    EXPECT_EQ(Put(Pattern(64, 6)), 64U);
     EXPECT_EQ(Drain(), before + Pattern(64, 6));
     // A reservation never published makes the header invalid too.
     ring->prodHead += 8;
@@ -67,7 +63,7 @@ TEST_F(SharedRingTest, InvalidHeaderStopsAllTrafficSilently) {
     ring->prodHead -= 8;
 
     // ResetShm finds nothing stuck in a ring whose lock is free.
-    Put(ring, Pattern(10, 9));
+    Put(Pattern(10, 9));
     EXPECT_FALSE(ResetShm());
     EXPECT_EQ(ring->Count(), 10U);
     EXPECT_EQ(GetWriteSemStatus(), 1);
@@ -100,7 +96,7 @@ TEST_F(SharedRingTest, KilledLockHolderIsRepairedByResetShm) {
     EXPECT_EQ(records[1].content, "after repair");
 
     // Died between reservation and publication, holding the lock.
-    Put(ring, Pattern(100, 10));
+    Put(Pattern(100, 10));
     ring->prodHead += 50;
     ASSERT_EQ(sem_wait(SemManager::sem), 0);
     EXPECT_TRUE(ResetShm());

@@ -5,7 +5,6 @@
 #include "support/RingFixture.h"
 
 using namespace PF::Utils::LOG;
-using zmtest::MakeRecord;
 using WriterTest = zmtest::SharedRingTest;
 
 namespace {
@@ -63,16 +62,6 @@ TEST_F(WriterTest, RecordLengthLimit) {
         0U)
         << records[1].content;
     EXPECT_EQ(records[2].content, "next");
-}
-
-TEST(Writer, RingFullNoticeRecord) {
-    const std::vector<char> record = GenerateEmptyLog();
-    LogHead h;
-    ASSERT_GE(record.size(), sizeof h);
-    std::memcpy(&h, record.data(), sizeof h);
-    EXPECT_EQ(std::string(record.begin(), record.end()),
-              MakeRecord("GenerateEmptyLog", kProgram, "",
-                         "ring buffer is full, call empty function", kWarn, 0, false, 0, h.timeUs));
 }
 
 // A child forked after its parent logged reports its own thread id.

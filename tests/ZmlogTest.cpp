@@ -26,36 +26,32 @@ std::string Render(const Options& o, const std::string& plain) {
 }
 
 TEST(ZmlogFormat, EveryFormatAgainstItsFixedText) {
-    const unsigned char byte = 200;
     const std::string log =
         MakeRecord("main", "PressLine7", "net", " link up", 2, 0, false, 8565, kT0) +
-        MakeRecord("Poll", "ZMRuntime", "u=", std::string(1, static_cast<char>(byte)), 3, 2, false,
-                   17, kT0 + 1500, 0x10000) +
+        MakeRecord("Poll", "ZMRuntime", "u=", "\xc8", 3, 2, false, 17, kT0 + 1500, 0x10000) +
         MakeRecord("rx", "emu_core", "frame", std::string("\xde\xad\x00\xef", 4), 1, 0, true, 9,
                    kT0 + 2000000) +
         MakeRecord("say \"hi\"", "BusBridge", "t\\g", "a\nb\t\x01 \xc3\xa9", 6, 0, false, 7,
                    999999);
-    const std::string short1 = "2023-11-14 22:13:20.123 PressLine7[8565] INFO main: net link up\n";
-    const std::string short2 = "2023-11-14 22:13:20.124 ZMRuntime[17] WARN Poll: u=\xc8\n";
-    const std::string short3 =
-        "2023-11-14 22:13:22.123 emu_core[9] DEBUG rx: frame\n"
-        "0000  de-ad-00-ef                                      ....\n";
-    const std::string short4 = "1970-01-01 00:00:00.999 BusBridge[7] Record say \"hi\": t\\ga\n";
-    const std::tuple<const char*, std::function<void(Options&)>, std::string> cases[] = {
-        {"short", [](Options&) {}, short1 + short2 + short3 + short4 + "b\t\x01 \xc3\xa9\n"},
-        {"pipe",
-         [](Options& o) {
-             o.output = OutputFormat::kPipe;
-             o.programs = {"PressLine7", "emu_core"};
-         },
+    const struct {
+        OutputFormat format;
+        std::vector<std::string> programs;
+        std::string expected;
+    } cases[] = {
+        {OutputFormat::kShort,
+         {},
+         "2023-11-14 22:13:20.123 PressLine7[8565] INFO main: net link up\n"
+         "2023-11-14 22:13:20.124 ZMRuntime[17] WARN Poll: u=\xc8\n"
+         "2023-11-14 22:13:22.123 emu_core[9] DEBUG rx: frame\n"
+         "0000  de-ad-00-ef                                      ....\n"
+         "1970-01-01 00:00:00.999 BusBridge[7] Record say \"hi\": t\\ga\nb\t\x01 \xc3\xa9\n"},
+        {OutputFormat::kPipe,
+         {"PressLine7", "emu_core"},
          "2023-11-14 22:13:20.123|8565|INFO|main|net link up\n"
          "2023-11-14 22:13:22.123|9|DEBUG|rx|frame\n"
          "0000  de-ad-00-ef                                      ....\n"},
-        {"json",
-         [](Options& o) {
-             o.output = OutputFormat::kJson;
-             o.programs = {"ZMRuntime", "BusBridge"};
-         },
+        {OutputFormat::kJson,
+         {"ZMRuntime", "BusBridge"},
          "{\"time\":\"2023-11-14T22:13:20.124956+00:00\",\"time_us\":1700000000124956,\"thread\":"
          "17,\"level\":\"WARN\",\"program\":\"ZMRuntime\",\"function\":\"Poll\",\"tag\":\"u=\","
          "\"content\":\"\xef\xbf\xbd\",\"type\":\"unsigned char\",\"value\":200,\"component\":"
@@ -64,11 +60,8 @@ TEST(ZmlogFormat, EveryFormatAgainstItsFixedText) {
          "\"level\":\"Record\",\"program\":\"BusBridge\",\"function\":\"say \\\"hi\\\"\",\"tag\":"
          "\"t\\\\g\",\"content\":\"a\\nb\\t\\u0001 \xc3\xa9\",\"type\":\"text\",\"component\":0,"
          "\"binary\":false}\n"},
-        {"verbose",
-         [](Options& o) {
-             o.output = OutputFormat::kVerbose;
-             o.programs = {"ZMRuntime", "BusBridge"};
-         },
+        {OutputFormat::kVerbose,
+         {"ZMRuntime", "BusBridge"},
          "time=2023-11-14T22:13:20.124956+00:00\nflags=0x0003 (WARN)\nprogramLen=9\n"
          "functionLen=4\ntagLen=2\ncontentLen=1\nvalueType=2 (unsigned char)\nthreadId=17\n"
          "component=0x00010000\ntimeUs=1700000000124956\nfunction=Poll\nprogram=ZMRuntime\n"
@@ -78,10 +71,11 @@ TEST(ZmlogFormat, EveryFormatAgainstItsFixedText) {
          "component=0x00000000\ntimeUs=999999\nfunction=say \"hi\"\nprogram=BusBridge\n"
          "tag=t\\\\g\ncontent=a\\nb\\t\\x01 \\xc3\\xa9\n\n"},
     };
-    for (const auto& [name, set, expected] : cases) {
+    for (const auto& c : cases) {
         Options o;
-        set(o);
-        EXPECT_EQ(Render(o, log), expected) << name;
+        o.output = c.format;
+        o.programs = c.programs;
+        EXPECT_EQ(Render(o, log), c.expected) << static_cast<int>(c.format);
     }
 }
 

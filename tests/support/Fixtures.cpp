@@ -129,6 +129,13 @@ std::vector<long> DecodedLog::Seqs(const std::string& role, unsigned t) const {
     return seqs;
 }
 
+std::vector<std::string> DecodedLog::Notices(const std::string& function) const {
+    std::vector<std::string> contents;
+    for (const Record& r : records)
+        if (r.function == function) contents.push_back(r.content);
+    return contents;
+}
+
 std::vector<long> Logged::Arrived() const {
     std::vector<long> seqs;
     for (long s = first; s < first + written; ++s)

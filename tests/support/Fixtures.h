@@ -73,6 +73,8 @@ struct DecodedLog {
     explicit DecodedLog(const std::string& dataFile, long from = 0);
     // The seqs of the helper's records of role (its thread t), in log order.
     std::vector<long> Seqs(const std::string& role, unsigned t = 0) const;
+    // The contents of the records of function (the library's notices).
+    std::vector<std::string> Notices(const std::string& function) const;
 
     std::vector<std::string> files;
     std::vector<Record> records;

@@ -35,6 +35,9 @@ class SharedRingTest : public ::testing::Test {
         SHMManager::DeleteSHM();
         ConfManager::outputMode = true;
     }
+    unsigned Put(const std::string& bytes) {
+        return ring->Enqueue(const_cast<char*>(bytes.data()), static_cast<unsigned>(bytes.size()));
+    }
     // Everything published so far.
     std::string Drain() {
         std::string bytes(ring->capacity, '\0');
