@@ -1,6 +1,6 @@
+// A line of the text path, as a process without an installation writes it:
+// echoed on the console when it asks for that, and never beyond a mebibyte.
 #include <sys/syscall.h>
-
-#include <regex>
 
 #include "log/ZMRuntimeLog.h"
 #include "support/Fixtures.h"
@@ -8,41 +8,6 @@
 
 using namespace PF::Utils::LOG;
 
-TEST(ConsolePath, ConfiguredProcessEchoesItsLinesAndWritesItsOwnLog) {
-    zmtest::Installation install("");  // the UP environment
-    const std::string conf = install.Root() + "/demo.cfg";
-    const std::string logDir = install.Root() + "/demo-log";
-    zmtest::WriteFile(conf, "[log]\nconsole=true\n");
-    auto child = install.Start("ConsoleDemo", {"private=" + conf + "," + logDir, "typed", "wait"});
-    // Five line ends: the hex dump adds two. Then the process exits.
-    const std::string file = logDir + "/ConsoleDemo.log";
-    EXPECT_TRUE(zmtest::WaitUntil([&] {
-        const std::string text = zmtest::ReadFile(file);
-        return std::count(text.begin(), text.end(), '\n') >= 5;
-    }));
-    child->Send("");
-    const zmtest::ProcessResult r = child->Wait();
-    ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(r.err, "");
-
-    // Date, time and thread id of each line replaced by "@".
-    const std::regex stamp(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\|)" +
-                           std::to_string(child->Pid()) + R"(\|)");
-    const std::string records =
-        "@|INFO|main|netlink up\n@|WARN|Poll|count42\n"
-        "@|ERROR|Dump|raw\n0000  01-ab-41" +
-        std::string(39, ' ') + "  ..A\n\n";
-    EXPECT_EQ(std::regex_replace(r.out, stamp, "@|"),
-              "configured\n" + records + "typed\nwaiting\n" +
-                  "@|INFO|CloseReadThreadAndResource|"
-                  "RingHead Deconstruction RingHead Set Nullptr\n");
-    // The archiver wrote the same lines (the final notice may come too late
-    // for its last drain).
-    EXPECT_EQ(std::regex_replace(zmtest::ReadFile(file), stamp, "@|").substr(0, records.size()),
-              records);
-}
-
-// A private ring in this process, as a process without an installation has.
 TEST(ConsolePathInProcess, LinesOverOneMebibyteAreNeitherQueuedNorShown) {
     const bool savedMode = ConfManager::outputMode, savedConsole = ConfManager::sConsole;
     ConfManager::outputMode = ConfManager::sConsole = true;

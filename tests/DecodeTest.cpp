@@ -1,14 +1,10 @@
 // The library's decoder: lines, typed contents, hex dumps, and the parser
 // that splits a buffer of records by program.
-#include <gtest/gtest.h>
-
-#include <cstdint>
 #include <limits>
-#include <tuple>
 
 #include "log/Decode.h"
 #include "log/HexDump.h"
-#include "support/TestSupport.h"
+#include "support/Fixtures.h"
 
 using namespace PF::Utils::LOG;
 using zmtest::MakeRecord;
@@ -113,22 +109,17 @@ const std::string kRec2 = MakeRecord("run", "ZMRuntime", "cycle", "slow", 3);
 
 struct Result {
     std::uint64_t offset = 0;
-    bool pending = false;
-    LogHead head{};
     std::string out;  // what the parser said on stdout
 };
 
-// Either form; the stream form with a pending header when one is given.
-Result Parse(Form form, std::string data, LinesByProgram& lines, const LogHead* pending = nullptr,
-             const std::string& program = "") {
+Result Parse(Form form, std::string data, LinesByProgram& lines, const std::string& program = "") {
     Result r;
-    if (pending != nullptr) r.head = *pending;
+    LogHead head{};
     const auto len = static_cast<unsigned>(data.size());
     r.out = zmtest::CaptureFd(1, [&] {
-        if (form == kOneShot) r.offset = ParseLogline(r.head, data.data(), len, lines, program);
-        if (form == kStream)
-            std::tie(r.offset, r.pending) =
-                ParseLogline(r.head, data.data(), len, pending != nullptr, lines, program);
+        r.offset = form == kOneShot
+                       ? ParseLogline(head, data.data(), len, lines, program)
+                       : ParseLogline(head, data.data(), len, false, lines, program).first;
     });
     return r;
 }
@@ -172,11 +163,11 @@ TEST(ParseLogline, JunkAndUnknownNamesOfAListedLengthAreSkipped) {
     // Programs are accepted once listed; the stream's program filter drops
     // the others silently.
     lines.clear();
-    EXPECT_EQ(Parse(kOneShot, Rec1("ToolTest"), lines, nullptr, "ToolTest").out, "");
+    EXPECT_EQ(Parse(kOneShot, Rec1("ToolTest"), lines, "ToolTest").out, "");
     AddVaildProgram("LongerToolName");  // a length not listed before
-    EXPECT_EQ(Parse(kStream, Rec1("LongerToolName") + kRec2 + Rec1("ToolTest"), lines, nullptr,
-                    "LongerToolName")
-                  .out,
-              "");
+    EXPECT_EQ(
+        Parse(kStream, Rec1("LongerToolName") + kRec2 + Rec1("ToolTest"), lines, "LongerToolName")
+            .out,
+        "");
     EXPECT_EQ(lines, (LinesByProgram{{"ToolTest", {kLine1}}, {"LongerToolName", {kLine1}}}));
 }

@@ -1,15 +1,10 @@
 // The library's printf-style formatter writes exactly what snprintf writes,
 // and leaves the formats it does not take to snprintf.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cfloat>
 #include <climits>
 #include <cmath>
-#include <cstdint>
-#include <cstdio>
-#include <string>
 
+#include "support/Fixtures.h"
 #include "writer/Formatter.h"
 
 using PF::Utils::LOG::detail::FormatArg;

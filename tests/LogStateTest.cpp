@@ -1,7 +1,5 @@
 // The log state table: switching logging and the USB medium restarts the
 // archiver and sets the shared header's switch.
-#include <fstream>
-
 #include "archive/ShmArchiver.h"
 #include "lifecycle/LogStateManager.h"
 #include "support/RingFixture.h"
@@ -12,7 +10,7 @@ using namespace PF::Utils::LOG;
 namespace {
 
 bool ArchiverRunning() {
-    return zmtest::ThreadNames().find("ShmReadToBinary") != std::string::npos;
+    return !zmtest::Tasks("ShmReadToBinary").empty();
 }
 
 class LogStateTest : public zmtest::SharedRingTest {

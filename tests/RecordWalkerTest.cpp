@@ -1,12 +1,9 @@
 // The record walker: records found by their framing alone, whatever program
 // wrote them and however the stream is sliced; noise is not taken for them.
 #include <random>
-#include <utility>
-
-#include <gtest/gtest.h>
 
 #include "decode/RecordWalker.h"
-#include "support/TestSupport.h"
+#include "support/Fixtures.h"
 
 using namespace PF::Utils::LOG;
 

@@ -19,7 +19,6 @@
 //                         seqs run on across log steps. Per thread: "logged
 //                         <n> from <first> dropped <d> max_us <m>[: <seqs>]",
 //                         the seqs a lock not had within 1 ms dropped
-//   typed                 a text, an int and a 3-byte binary record: "typed"
 //   hold-lock, release-lock  takes "/WriteLOG" and keeps it, gives it back:
 //                         "locked", "unlocked"
 //   sleep=<ms>            "slept"
@@ -135,13 +134,6 @@ bool RunStep(const std::string& role, const std::string& step) {
         for (;;) pause();
     } else if (name == "log") {
         LogThreads(role, n);
-    } else if (name == "typed") {
-        // The program name argument is ignored on a private log's text path.
-        WriteLog<char[8]>("net", "link up", kInfo, "main", 0, 0, 0, "Ignored");
-        WriteLog<int>("count", 42, kWarn, "Poll", 0, 0, 0, "");
-        const unsigned char raw[3] = {0x01, 0xab, 0x41};
-        WriteLog<unsigned char[3]>("raw", raw, kError, "Dump", 3, 1, 0, "");
-        Say("typed");
     } else if (name == "hold-lock" || name == "release-lock") {
         name == "hold-lock" ? sem_wait(SemManager::sem) : sem_post(SemManager::sem);
         Say(name == "hold-lock" ? "locked" : "unlocked");

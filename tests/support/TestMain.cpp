@@ -1,21 +1,19 @@
 // The suite's main: where allowed (root, or a user namespace) it mounts a
 // /dev/shm of its own, so that tests run side by side and never touch a
 // runtime of the machine; elsewhere GlobalNamesLock serialises them.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <string>
 
 namespace {
 
 bool WriteProcFile(const char* path, const std::string& text) {
-    const int fd = open(path, O_WRONLY | O_CLOEXEC);
-    const bool ok = fd >= 0 && write(fd, text.data(), text.size()) == ssize_t(text.size());
-    if (fd >= 0) close(fd);
-    return ok;
+    std::ofstream file(path);
+    return static_cast<bool>(file << text << std::flush);
 }
 
 bool TakeOwnDevShm() {
