@@ -52,7 +52,7 @@ TEST(Lifecycle, EndToEndThroughTheRuntime) {
     ASSERT_TRUE(late->WaitForOutput("up=0 ring=0"));
     {
         Runtime crashed(install);
-        auto holder = install.Start("CellEmulation", {"hold-lock", "pause"});
+        auto holder = install.Start("CellEmulation", {"hold-lock", "wait"});
         ASSERT_TRUE(holder->WaitForOutput("locked"));
         crashed.Process().Signal(SIGKILL);
         holder->Signal(SIGKILL);
@@ -62,11 +62,9 @@ TEST(Lifecycle, EndToEndThroughTheRuntime) {
     auto cell = install.Start("CellEmulation", {"log=2000"});
     auto engine = install.Start("EngineEmulation", {"log=2000"});
     late->Send("");
-    std::vector<std::pair<std::string, ProcessResult>> results;
-    for (auto& [role, child] : {std::pair{"CellEmulation", cell.get()},
-                                {"EngineEmulation", engine.get()},
-                                {"BusBridge", late.get()}})
-        results.emplace_back(role, child->Wait());
+    const std::pair<std::string, ProcessResult> results[] = {{"CellEmulation", cell->Wait()},
+                                                             {"EngineEmulation", engine->Wait()},
+                                                             {"BusBridge", late->Wait()}};
     EXPECT_NE(results[2].second.out.find("attached 1"), std::string::npos);
     runtime.Release();
     EXPECT_FALSE(Exists("/dev/shm/ZMLOG"));
@@ -80,9 +78,10 @@ TEST(Lifecycle, EndToEndThroughTheRuntime) {
     }
     ASSERT_FALSE(log.records.empty());
     const Record& notice = log.records.back();
-    EXPECT_EQ(notice.program + "|" + notice.function + "|" + notice.tag + "|" + notice.content,
-              "ZMRuntime|CloseReadThreadAndResource|RingHead Deconstruction| RingHead Set Nullptr");
-    EXPECT_EQ(notice.head.flags, 2);
+    EXPECT_EQ(
+        std::to_string(notice.head.flags) + "|" + notice.program + "|" + notice.function + "|" +
+            notice.tag + "|" + notice.content,
+        "2|ZMRuntime|CloseReadThreadAndResource|RingHead Deconstruction| RingHead Set Nullptr");
 }
 
 // A private log's process returning from main: its log ends with the release
@@ -102,10 +101,11 @@ TEST(Lifecycle, PrivateLogEndsWithTheReleaseNotice) {
 #ifdef ZMLOG_SANITIZED
     GTEST_SKIP() << "built with a sanitizer";
 #endif
-    r = zmtest::Run("/usr/bin/valgrind", "valgrind",
-                    {"--error-exitcode=99", "--leak-check=full", "--errors-for-leak-kinds=definite",
-                     "-q", HelperPath(), "log=3"},
-                    install.Env(), install.Root(), 60s);
+    r = Child("/usr/bin/valgrind", "valgrind",
+              {"--error-exitcode=99", "--leak-check=full", "--errors-for-leak-kinds=definite", "-q",
+               HelperPath(), "log=3"},
+              install.Env(), install.Root())
+            .Wait(60s);
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_NE(ReadFile(install.Root() + "/LogHelper.log").find(notice), std::string::npos);
 }

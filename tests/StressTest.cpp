@@ -44,8 +44,9 @@ class Stress : public ::testing::Test {
             for (unsigned t = 0; t < 2; ++t) {
                 const auto seqs = log.Seqs(kRoles[p], t);
                 EXPECT_TRUE(std::is_sorted(seqs.begin(), seqs.end())) << kRoles[p] << " " << t;
-                if (reports[p].size() == 2)
+                if (reports[p].size() == 2) {
                     EXPECT_EQ(seqs, reports[p][t].Arrived()) << kRoles[p] << " " << t;
+                }
                 timeouts += reports[p].at(t).dropped.size();
                 maxUs = std::max(maxUs, reports[p][t].maxUs);
             }
@@ -150,7 +151,7 @@ TEST_F(Stress, SurvivorsOutliveWritersKilledMidRecord) {
     std::mt19937 random(std::random_device{}());
     for (unsigned long i = 0; i < kills; ++i) {
         // 32 records of 16 to 64 KiB: half of each is copied under the lock.
-        auto victim = install.Start("Victim", {"probe", "log=32,16384,0,1,65536", "pause"});
+        auto victim = install.Start("Victim", {"probe", "log=32,16384,0,1,65536", "wait"});
         ASSERT_TRUE(victim->WaitForOutput(" ring=1 ")) << victim->OutSoFar();
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 600));
         victim->Signal(SIGKILL);

@@ -63,9 +63,8 @@ void OwnHandler(int sig) {
 
 // Runs before any library's constructor, so before the library's handler.
 void InstallOwnHandler(int argc, char** argv, char**) {
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 1; i < argc; ++i)
         if (std::strcmp(argv[i], "own-handler") == 0) signal(SIGSEGV, OwnHandler);
-    }
 }
 __attribute__((section(".preinit_array"), used)) void (*const gPreinit)(int, char**,
                                                                         char**) = InstallOwnHandler;

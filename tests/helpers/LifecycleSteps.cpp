@@ -18,7 +18,6 @@
 
 #include "helpers/Steps.h"
 #include "log/ZMRuntimeLog.h"
-#include "support/TestSupport.h"
 #include "support/ThreadNames.h"
 
 #if defined(__has_feature)
@@ -124,17 +123,13 @@ void Fork(const std::string&, const std::string& args) {
         }
     }
     // A child that has not ended within 10 s hangs.
+    zmtest::WaitUntil([&] {
+        for (pid_t& child : pids)
+            if (child != 0 && waitpid(child, nullptr, WNOHANG) == child) child = 0;
+        return std::count(pids.begin(), pids.end(), 0) == long(pids.size());
+    });
     int hung = 0;
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    for (const pid_t child : pids) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (!zmtest::WaitUntil([&] { return waitpid(child, nullptr, WNOHANG) != 0; }, left)) {
-            kill(child, SIGKILL);
-            waitpid(child, nullptr, 0);
-            ++hung;
-        }
-    }
+    for (const pid_t child : pids) hung += child != 0 && kill(child, SIGKILL) == 0;
     stop = true;
     for (auto& t : loggers) t.join();
     Say("children " + std::to_string(children) + " hung " + std::to_string(hung));

@@ -12,7 +12,6 @@
 //                         "level <n>" or "level not seen"
 //   bind=<cpu>            BindCPUCore: "bound"
 //   wait                  "waiting", then waits for a line on stdin
-//   pause                 "paused", then waits to be killed
 //   log=<n>[,<size>[,<us>[,<threads>[,<max>]]]]  each thread writes n records
 //                         (n 0: until a line on stdin) of SeqContent
 //                         (TestSupport.h), size to max bytes, one every us;
@@ -33,7 +32,6 @@
 
 #include "helpers/Steps.h"
 #include "log/ZMRuntimeLog.h"
-#include "support/TestSupport.h"
 #include "support/ThreadNames.h"
 #include "transport/SemManager.h"
 
@@ -129,9 +127,6 @@ bool RunStep(const std::string& role, const std::string& step) {
     } else if (name == "wait") {
         Say("waiting");
         WaitForLine();
-    } else if (name == "pause") {
-        Say("paused");
-        for (;;) pause();
     } else if (name == "log") {
         LogThreads(role, n);
     } else if (name == "hold-lock" || name == "release-lock") {
@@ -159,8 +154,7 @@ bool RunStep(const std::string& role, const std::string& step) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 1; i < argc; ++i)
         if (!RunStep(argv[0], argv[i])) return 2;
-    }
     return 0;
 }

@@ -110,7 +110,7 @@ for who in server client; do
     -days 2 -extfile $who.ext
 done
 )";
-        return Run("/bin/sh", "sh", {"-c", script, "sh", dir_}).exitCode == 0;
+        return Child("/bin/sh", "sh", {"-c", script, "sh", dir_}).Wait().exitCode == 0;
     }
     // Local address 127.0.0.1:port, listening (TCP 0A) or bound (UDP 07).
     bool Listening() const {

@@ -73,10 +73,6 @@ Child::~Child() {
         if (fd >= 0) close(fd);
 }
 
-void Child::Signal(int sig) const {
-    kill(pid_, sig);
-}
-
 void Child::Send(const std::string& line) {
     const std::string text = line + "\n";
     if (fds_[0] >= 0 && write(fds_[0], text.data(), text.size()) < 0) {
@@ -111,19 +107,14 @@ bool Child::WaitForOutput(const std::string& text, std::chrono::milliseconds tim
 
 ProcessResult Child::Wait(std::chrono::milliseconds timeout) {
     if (reaped_) return result_;
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
     int status = 0;
-    while (waitpid(pid_, &status, WNOHANG) != pid_) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, &status, 0);
-            break;
-        }
-        if (fds_[1] >= 0 || fds_[2] >= 0) {
-            Pump(5);
-        } else {
-            std::this_thread::sleep_for(2ms);
-        }
+    const auto ended = [&] {
+        Pump(0);
+        return waitpid(pid_, &status, WNOHANG) == pid_;
+    };
+    if (!WaitUntil(ended, timeout)) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
     }
     while (fds_[1] >= 0 || fds_[2] >= 0) Pump(100);
     reaped_ = true;
@@ -132,12 +123,6 @@ ProcessResult Child::Wait(std::chrono::milliseconds timeout) {
     result_.out = out_;
     result_.err = err_;
     return result_;
-}
-
-ProcessResult Run(const std::string& program, const std::string& role,
-                  const std::vector<std::string>& args, const std::vector<std::string>& env,
-                  const std::string& cwd, std::chrono::milliseconds timeout) {
-    return Child(program, role, args, env, cwd).Wait(timeout);
 }
 
 bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {

@@ -43,7 +43,7 @@ class Child {
     Child& operator=(const Child&) = delete;
 
     pid_t Pid() const { return pid_; }
-    void Signal(int sig) const;
+    void Signal(int sig) const { kill(pid_, sig); }
     void Send(const std::string& line);  // one line to its stdin
     // Waits for text to be in stdout; false when the deadline passed first.
     bool WaitForOutput(const std::string& text, std::chrono::milliseconds timeout = 10s);
@@ -59,10 +59,6 @@ class Child {
     bool reaped_ = false;
     ProcessResult result_;
 };
-
-ProcessResult Run(const std::string& program, const std::string& role,
-                  const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-                  const std::string& cwd = "", std::chrono::milliseconds timeout = 30s);
 
 // The tests' helper program, and zmlog.
 std::string HelperPath();
