@@ -1,10 +1,9 @@
-// A helper step that damages the shared ring as any process that may write
-// it could, "attack=<kind>": "attacked at <us>". Kinds: geometry (capacity
-// and mask beyond the mapping, 1.75 GiB published), unpublished (a
-// reservation never published), switches (out of range), level (7),
-// zero-capacity, random-header (48 random bytes), random-records (4 KiB of
-// random bytes published), extra-posts (three more on "/WriteLOG"),
-// lock-exit (takes it and exits).
+// A helper step that damages the shared ring as any process that may write it
+// could, "attack=<kind>": "attacked at <us>". Kinds: geometry (capacity and mask
+// beyond the mapping, 1.75 GiB published), unpublished (a reservation never
+// published), switches (out of range), level (7), zero-capacity, random-header
+// (48 random bytes), random-records (4 KiB of random bytes published),
+// extra-posts (three more on "/WriteLOG"), lock-exit (takes it and exits).
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/mman.h>

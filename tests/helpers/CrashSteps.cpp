@@ -1,15 +1,13 @@
 // Helper steps for crash reports. The program is linked without -rdynamic
 // (CMake's ENABLE_EXPORTS is off): its functions are in .symtab only.
-//   crash=<null|abort|overflow>  dies, without a core file: a null pointer
-//                         read in CrashByNullPointer, abort() in
-//                         CrashByAbort, or OverflowStack recursing in a
-//                         thread "overflow" that logged a record first
-//   own-handler           a SIGSEGV handler of the program's own, installed
-//                         before the library's load (preinit): it writes a
-//                         record and leaves the signal to its default action
-//   enable                EnableCrashReport: "enabled <result>"
-//   handlers              "library handlers <n>": of SIGSEGV, SIGBUS, SIGFPE,
-//                         SIGILL and SIGABRT, how many the library handles
+//   crash=<null|abort|overflow>  dies, without a core file: a null pointer read in
+//                CrashByNullPointer, abort() in CrashByAbort, or OverflowStack recursing in
+//                a thread "overflow" that logged a record first
+//   own-handler  a SIGSEGV handler of the program's own, installed before the library's load
+//                (preinit): it writes a record and leaves the signal to its default action
+//   enable       EnableCrashReport: "enabled <result>"
+//   handlers     "library handlers <n>": of SIGSEGV, SIGBUS, SIGFPE, SIGILL and SIGABRT, how
+//                many the library handles
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/resource.h>

@@ -1,16 +1,13 @@
 // Helper steps for the library's lifecycle:
-//   exit-logging=<threads>  threads log (filtered-out records, and every
-//                         thousandth one that passes) while main returns
-//   cycles=<n>            n times StartRuntimeLog and ReleaseRuntimeLog,
-//                         then StartRuntimeLog: "cycled"
-//   resources             "monitors <threads named MonitorConfi> inotify
-//                         <inotify descriptors> zmlog <mappings of ZMLOG> "
-//   signal-monitor=<n>    n times SIGUSR1 to the monitor thread, handled
-//                         without SA_RESTART: "signalled"
-//   affinity              once an archiver runs (10 s at most): "archiver
-//                         <CPU list> process <CPU list>"
-//   fork=<n>              4 threads log while n children are forked, each
-//                         writing "child-<i>": "children <n> hung <k>"
+//   exit-logging=<threads>  threads log (filtered-out records, and every thousandth one that
+//                     passes) while main returns
+//   cycles=<n>        n times StartRuntimeLog and ReleaseRuntimeLog, then StartRuntimeLog: "cycled"
+//   resources         "monitors <threads named MonitorConfi> inotify <inotify descriptors> zmlog
+//                     <mappings of ZMLOG> "
+//   signal-monitor=<n>  n times SIGUSR1 to the monitor thread, without SA_RESTART: "signalled"
+//   affinity          once an archiver runs (10 s at most): "archiver <CPUs> process <CPUs>"
+//   fork=<n>          4 threads log while n children are forked, each writing "child-<i>":
+//                     "children <n> hung <k>"
 #include <sys/wait.h>
 
 #include <atomic>

@@ -2,27 +2,22 @@
 // argv[0], from which the library's load-time set-up decides what the
 // process is; its arguments are steps, run in order, each reporting on
 // stdout when done:
-//   probe                 "up=<0|1> ring=<0|1> threads=<names>"
-//   start, release        StartRuntimeLog, ReleaseRuntimeLog: "started",
-//                         "released <result>"
-//   attach                InitWriteLogEnv: "attached <result>"
-//   private=<cfg>,<dir>   LogDoConfigure: "configured"
-//   level=<n>             SetLogLevel: "level set"
-//   wait-level=<n>        waits (10 s) for the shared header's level n:
-//                         "level <n>" or "level not seen"
-//   bind=<cpu>            BindCPUCore: "bound"
-//   wait                  "waiting", then waits for a line on stdin
-//   log=<n>[,<size>[,<us>[,<threads>[,<max>]]]]  each thread writes n records
-//                         (n 0: until a line on stdin) of SeqContent
-//                         (TestSupport.h), size to max bytes, one every us;
-//                         seqs run on across log steps. Per thread: "logged
-//                         <n> from <first> dropped <d> max_us <m>[: <seqs>]",
-//                         the seqs a lock not had within 1 ms dropped
-//   hold-lock, release-lock  takes "/WriteLOG" and keeps it, gives it back:
-//                         "locked", "unlocked"
-//   sleep=<ms>            "slept"
-//   lock-free=<ms>        waits up to ms for "/WriteLOG" to be seen free:
-//                         "free after <n> ms", else "taken"
+//   probe             "up=<0|1> ring=<0|1> threads=<names>"
+//   start, release    StartRuntimeLog, ReleaseRuntimeLog: "started", "released <result>"
+//   attach            InitWriteLogEnv: "attached <result>"
+//   private=<cfg>,<dir>  LogDoConfigure: "configured"
+//   level=<n>         SetLogLevel: "level set"
+//   wait-level=<n>    waits (10 s) for the shared header's level n: "level <n>", "level not seen"
+//   bind=<cpu>        BindCPUCore: "bound"
+//   wait              "waiting", then waits for a line on stdin
+//   log=<n>[,<size>[,<us>[,<threads>[,<max>]]]]  each thread writes n records (n 0: until a
+//                     line on stdin) of SeqContent (TestSupport.h), size to max bytes, one
+//                     every us; seqs run on across log steps. Per thread: "logged <n> from
+//                     <first> dropped <d> max_us <m>[: <seqs>]", the seqs a lock not had
+//                     within 1 ms dropped
+//   hold-lock, release-lock  takes "/WriteLOG" and keeps it, gives it back: "locked", "unlocked"
+//   sleep=<ms>        "slept"
+//   lock-free=<ms>    waits up to ms for "/WriteLOG" to be seen free: "free after <n> ms", "taken"
 // Steps of a feature of their own live in a file of their own beside this
 // one and register with ZMHELPER_STEP (Steps.h).
 #include <semaphore.h>
