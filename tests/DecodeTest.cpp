@@ -253,8 +253,8 @@ TEST(RecordWalker, TenMegabytesOfNoiseGiveAtMostTwoRecords) {
     RecordWalker walker;
     walker.Feed(noise.data(), noise.size(), [](WalkedRecord&) {});
     walker.Finish([](WalkedRecord&) {});
-    std::printf("[ figures  ] records found in 10 MiB of random bytes: %llu\n",
-                static_cast<unsigned long long>(walker.RecordCount()));
+    zmtest::Figure("records found in 10 MiB of random bytes: %llu",
+                   static_cast<unsigned long long>(walker.RecordCount()));
     EXPECT_LE(walker.RecordCount(), 2U);
 }
 

@@ -47,8 +47,8 @@ TEST(Fault, RuntimeKilledAndStartedAgainLosesNothing) {
         // busy machine a new runtime may take longer, and a few are dropped
         // (and counted). A writer that did not follow would lose all.
         EXPECT_LT(reports[0].dropped.size() * 10, size_t(reports[0].written)) << role;
-        Figure(std::string(role) + ": " + std::to_string(reports[0].written) + " written, " +
-               std::to_string(reports[0].dropped.size()) + " dropped by the lock's deadline");
+        Figure("%s: %ld written, %zu dropped by the lock's deadline", role, reports[0].written,
+               reports[0].dropped.size());
     }
     const auto notices = log.Notices("SalvageRing");
     EXPECT_EQ(notices.size(), 5U);

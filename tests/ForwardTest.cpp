@@ -84,9 +84,8 @@ Figures Count(const std::vector<std::string>& expected, const std::vector<std::s
         f.duplicated += !seen.insert(at).second;
     }
     f.distinct = seen.size();
-    zmtest::Figure(name + ": sent " + std::to_string(expected.size()) + ", arrived " +
-                   std::to_string(received.size()) + ", duplicated " +
-                   std::to_string(f.duplicated));
+    zmtest::Figure("%s: sent %zu, arrived %zu, duplicated %zu", name.c_str(), expected.size(),
+                   received.size(), f.duplicated);
     return f;
 }
 

@@ -78,7 +78,7 @@ TEST(HostileRing, EveryDamageIsSurvivedAndTheLogFlowsAgainWithinASecondAndAHalf)
         EXPECT_EQ(w->Wait().exitCode, 0);
     }
     runtime.Release();
-    Figure("records of both writers arrive again after:" + figures);
+    Figure("records of both writers arrive again after:%s", figures.c_str());
 }
 
 // shmGroup gives the ring, its semaphores and the log to one group; an

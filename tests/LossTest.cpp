@@ -45,8 +45,7 @@ TEST(Loss, ALockHeldAwhileIsReportedExactly) {
     EXPECT_GT(logged.dropped.size(), 50U);
     EXPECT_EQ(LossesOf(log, "CellEmulation"),
               (std::vector<unsigned long>{logged.dropped.size(), 0, 0, 0, logged.dropped.size()}));
-    Figure("lock held 200 ms: " + std::to_string(logged.dropped.size()) +
-           " records missing, as many reported");
+    Figure("lock held 200 ms: %zu records missing, as many reported", logged.dropped.size());
 }
 
 // A flood over its rate limit costs a steady writer nothing, and its notices
@@ -72,8 +71,10 @@ TEST(Loss, AFloodOverItsRateLimitCostsOthersNothing) {
     EXPECT_EQ(reported[4], lost);
     EXPECT_EQ(reported[3] + reported[0], lost);
     EXPECT_GT(reported[3], 0U);
-    Figure("flood of " + std::to_string(flooded.written) + " records over 200 per 100 ms: " +
-           std::to_string(lost) + " lost and reported; the steady writer lost 0 of 500");
+    Figure(
+        "flood of %ld records over 200 per 100 ms: %ld lost and reported; the steady writer "
+        "lost 0 of 500",
+        flooded.written, long(lost));
 }
 
 // A fixed window: at most burst records from its start, and the first record

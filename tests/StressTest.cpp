@@ -93,10 +93,10 @@ TEST_F(Stress, NothingLostUnderLoad) {
     if (volume > 2 * 20971519UL) {
         EXPECT_GE(log.files.size(), 2U) << "the output should have rolled";
     }
-    Figure(std::to_string(total) + " records by 4 processes x 2 threads, " +
-           std::to_string(log.files.size()) + " files, " + std::to_string(timeouts) +
-           " lock time-outs, max WriteLog " + std::to_string(maxUs) + " us, " +
-           std::to_string(edits) + " edits");
+    Figure(
+        "%lu records by 4 processes x 2 threads, %zu files, %lu lock time-outs, max WriteLog "
+        "%ld us, %d edits",
+        total, log.files.size(), timeouts, maxUs, edits);
 }
 
 // A burst far above the archiver's capacity: the ring empties itself, says
@@ -135,8 +135,7 @@ TEST_F(Stress, OverloadLosesOldRecordsButNeverCorruptsTheFile) {
         ++gaps;
     }
     EXPECT_GT(gaps, 0);
-    Figure("overload: " + std::to_string(perThread * 8) + " records offered, " +
-           std::to_string(arrived) + " arrived");
+    Figure("overload: %lu records offered, %zu arrived", perThread * 8, arrived);
 }
 
 // Writers SIGKILLed mid-record, a dead one holding the lock: the runtime takes
@@ -177,7 +176,8 @@ TEST_F(Stress, SurvivorsOutliveWritersKilledMidRecord) {
     for (const auto& what : repairs)
         EXPECT_EQ(what.rfind("repaired the shared ring: its lock stayed taken for a second", 0), 0U)
             << what;
-    Figure(std::to_string(kills) + " writers killed, " + std::to_string(stuck) +
-           " holding the lock, free again after " + std::to_string(slowestRecoveryMs) +
-           " ms at most; max WriteLog " + std::to_string(maxUs) + " us");
+    Figure(
+        "%lu writers killed, %lu holding the lock, free again after %lld ms at most; max "
+        "WriteLog %ld us",
+        kills, stuck, slowestRecoveryMs, maxUs);
 }

@@ -108,7 +108,6 @@ DecodedLog::DecodedLog(const std::string& dataFile, long from) {
         std::string plain = Unscramble(ReadFile(file));
         if (file == dataFile) plain.erase(0, static_cast<size_t>(from));
         for (Record& r : WalkRecords(plain, &damagedBytes)) records.push_back(std::move(r));
-        bytes += plain.size();
     }
     for (const Record& r : records) {
         long seq = -1;

@@ -78,7 +78,6 @@ struct DecodedLog {
 
     std::vector<std::string> files;
     std::vector<Record> records;
-    std::uint64_t bytes = 0;
     std::uint64_t damagedBytes = 0;  // not covered by whole records
     std::uint64_t corrupt = 0;       // helper records whose bytes are not what was written
 };

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <cstdarg>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -160,9 +161,14 @@ std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
-void Figure(const std::string& text) {
-    std::printf("[ figures  ] %s\n", text.c_str());
+void Figure(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::printf("[ figures  ] ");
+    std::vprintf(format, args);
+    std::printf("\n");
     std::fflush(stdout);
+    va_end(args);
 }
 
 std::string CaptureFd(int fd, const std::function<void()>& fn) {

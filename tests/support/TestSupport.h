@@ -72,8 +72,8 @@ void WriteFile(const std::string& path, const std::string& bytes, bool append = 
 bool Exists(const std::string& path);
 long FileSize(const std::string& path);  // -1 when missing
 std::vector<std::string> Lines(const std::string& text);
-// A measured figure, printed as "[ figures  ] text" beside the test's output.
-void Figure(const std::string& text);
+// A measured figure, printed as "[ figures  ] <text>" beside the test's output.
+__attribute__((format(printf, 1, 2))) void Figure(const char* format, ...);
 // Captures what fn writes to fd 1 or 2 (through dup2).
 std::string CaptureFd(int fd, const std::function<void()>& fn);
 
