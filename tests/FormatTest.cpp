@@ -3,11 +3,14 @@
 #include <cfloat>
 #include <climits>
 #include <cmath>
+#include <random>
 
+#include "log/LogMacros.h"
 #include "support/Fixtures.h"
 #include "writer/Formatter.h"
 
 using PF::Utils::LOG::detail::FormatArg;
+using PF::Utils::LOG::detail::FormatPlanned;
 using PF::Utils::LOG::detail::FormatText;
 
 namespace {
@@ -48,6 +51,25 @@ void NotTaken(const char* fmt, A... a) {
     EXPECT_EQ(FormatText(text, sizeof text, fmt, args, sizeof...(A)), -1) << fmt;
 }
 
+// A literal format as the macros take it: planned at compile time.
+template <class L, class... A>
+void SamePlanned(L format, const char*, A... a) {
+    const std::string expected = Libc(format(), a...);
+    char text[2048];
+    const long n = FormatPlanned(format, text, sizeof text, a...);
+    ASSERT_EQ(n, static_cast<long>(expected.size())) << format();
+    EXPECT_EQ(std::string(text, static_cast<size_t>(n)), expected) << format();
+    char cut[5] = {};
+    EXPECT_EQ(FormatPlanned(format, cut, sizeof cut, a...), n) << format();
+    EXPECT_EQ(std::string(cut, std::min<size_t>(5, expected.size())), expected.substr(0, 5));
+}
+#define SAME_PLANNED(...) SamePlanned([] { return ZMLOG_FORMAT_(__VA_ARGS__, 0); }, __VA_ARGS__)
+#define PLANNED(...)                                                                        \
+    [](auto... a) {                                                                         \
+        char text[64];                                                                      \
+        return FormatPlanned([] { return ZMLOG_FORMAT_(__VA_ARGS__, 0); }, text, 64, a...); \
+    }
+
 }  // namespace
 
 TEST(Format, IntegersEveryConversionFlagWidthPrecisionAndLength) {
@@ -80,6 +102,18 @@ TEST(Format, FloatingValuesAsPrintfRoundsThem) {
         for (double v : values) Same(f, v);
     }
     Same("temp %.2f C", 21.456F);  // a float is passed as a double
+    // Short fixed conversions take a way of their own: exact ties, and
+    // random values of every magnitude, against the C library.
+    const char* fixed[] = {"%.0f", "%.1f", "%.2f", "%.3f", "%.4f",
+                           "%.5f", "%.6f", "%.7f", "%.8f", "%.9f"};
+    for (int k = 0; k < 200; ++k) {
+        for (int p = 0; p < 4; ++p) Same(fixed[p], k / 16.0);
+    }
+    std::mt19937_64 random(7);
+    for (int i = 0; i < 20000; ++i) {
+        const auto mantissa = static_cast<double>(random() >> 11);
+        Same(fixed[i % 10], std::ldexp(mantissa, 10 - static_cast<int>(random() % 100)));
+    }
 }
 
 TEST(Format, FormatsItDoesNotTakeAreLeftToTheCLibrary) {
@@ -96,4 +130,31 @@ TEST(Format, FormatsItDoesNotTakeAreLeftToTheCLibrary) {
     NotTaken("%+p", &n);
     NotTaken("%.2000f", 1.0);   // longer than the formatter's buffer
     NotTaken("%#g", 999999.5);  // rounds up to 1e+06, which the C library prints as "1.e+06"
+}
+
+// A literal format in a macro is planned at compile time; the common
+// conversions are written inline, the others by the run-time formatter.
+TEST(Format, LiteralFormatsPlannedAtCompileTimeWriteTheSame) {
+    for (long long v : {0LL, 7LL, -7LL, 255LL, 65536LL, -2147483648LL, 2147483647LL,
+                        static_cast<long long>(LLONG_MIN)}) {
+        const int i = static_cast<int>(v);
+        SAME_PLANNED("%d|%i|%u|%x|%X|%5d|%-5d|%05d|%-05x|%08X|", i, i, i, i, i, i, i, i, i, i);
+        SAME_PLANNED("%ld %lli %lu %llx %zu %hhd %hu %jd", long(v), v, v, v, size_t(v), i, i, v);
+    }
+    const char* volatile none = nullptr;  // opaque: no warning of a null %s
+    int local = 0;
+    SAME_PLANNED("link %d up on %s", 3, "eth0");
+    SAME_PLANNED("[%s|%8s|%-8s|%s]", "eth0", "eth0", "eth0", none);
+    SAME_PLANNED("100%% %c %+d %#x %.3d %*d %-*s| %.2f %e %g %.1s %p", 'a', 5, 255, 7, 4, 9, 6,
+                 "ab", 2.5, 1e10, 0.0001, "xyz", static_cast<void*>(&local));
+    SAME_PLANNED("%%%%");
+    SAME_PLANNED("no conversion at all");
+    SAME_PLANNED("");
+    // What it does not take, or arguments that do not match: -1, and the
+    // macro asks the C library.
+    EXPECT_EQ(PLANNED("%a")(1.0), -1);
+    EXPECT_EQ(PLANNED("%d %d")(1), -1);
+    EXPECT_EQ(PLANNED("%d")(1.5), -1);
+    EXPECT_EQ(PLANNED("%s")(5), -1);
+    EXPECT_EQ(PLANNED("%*d")(1.0, 2), -1);
 }

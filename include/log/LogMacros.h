@@ -49,6 +49,7 @@
 #include <type_traits>
 
 #include "log/FormatArg.h"
+#include "log/FormatPlan.h"
 #include "log/LogHead.h"
 #include "log/RingHead.h"
 #include "log/WriteLog.h"
@@ -125,6 +126,54 @@ void WriteFormatted(unsigned char level, unsigned long component, const char* ta
                               sizeof...(A), suppressed))
         WriteFormattedByLibc(level, component, tag, function, suppressed, fmt, a...);
 }
+
+// The length of this program's short name, measured once.
+std::size_t ProgramNameLength() noexcept;
+
+// Room after a formatted text for " (N suppressed)".
+constexpr std::size_t kFormattedSuffixRoom = 40;
+
+// Lays out header and names before the size bytes of text at record + fixed
+// (fixed: the header and the three names; kFormattedSuffixRoom bytes free
+// after the text) and writes the record.
+void WriteFormattedText(char* record, std::size_t fixed, std::size_t size, unsigned char level,
+                        unsigned long component, const char* tag, std::size_t tagLength,
+                        const char* function, std::size_t functionLength, unsigned long suppressed);
+
+// The macros' printf-style call. Literal: the format is a constant
+// (format() returns it); its plan is then made at compile time and the text
+// written straight into the record on the stack. A text too long for that
+// buffer, a format the formatter does not take and any other format go the
+// run-time way (WriteFormatted), which says the same.
+template <bool Literal, class L, class... A>
+void WriteFormattedAt(L format, unsigned char level, unsigned long component, const char* tag,
+                      const char* function, std::size_t functionLength, unsigned long suppressed,
+                      const char* fmt, const A&... a) {
+    if constexpr (Literal) {
+        char record[1024];
+        tag = OrEmpty(tag);
+        const std::size_t tagLength = __builtin_strlen(tag);
+        const std::size_t fixed =
+            sizeof(LogHead) + functionLength + ProgramNameLength() + tagLength;
+        if (fixed + kFormattedSuffixRoom < sizeof record) {
+            const std::size_t room = sizeof record - kFormattedSuffixRoom - fixed;
+            const long length = FormatPlanned(format, record + fixed, room, a...);
+            if (length >= 0 && static_cast<std::size_t>(length) <= room) {
+                WriteFormattedText(record, fixed, static_cast<std::size_t>(length), level,
+                                   component, tag, tagLength, function, functionLength, suppressed);
+                return;
+            }
+        }
+    }
+    WriteFormatted(level, component, tag, function, functionLength, suppressed, fmt, a...);
+}
+
+// The format of a macro's arguments, and whether it is a constant.
+#define ZMLOG_FORMAT_(fmt, ...) fmt
+#define ZMLOG_FORMATTED_(level, tag, suppressed, ...)                                         \
+    ::PF::Utils::LOG::detail::WriteFormattedAt<__builtin_constant_p(ZMLOG_FORMAT_(            \
+        __VA_ARGS__, 0))>([&] { return ZMLOG_FORMAT_(__VA_ARGS__, 0); }, (level), 0UL, (tag), \
+                          __func__, __builtin_strlen(__func__), (suppressed), __VA_ARGS__)
 
 // A call site that writes only some of its calls. One per macro expansion,
 // a static with constant initialisation: no guard, no lock, no heap. Calls
@@ -208,42 +257,37 @@ void WriteValue(unsigned char level, const char* tag, const char* function, T va
 // (the call in the branch never taken). Async-signal-safe on the binary path
 // for the formats the library's formatter takes (see WriteFormatted).
 // Example: ZMLOG_LOG_F(PF::Utils::LOG::kInfo, "io", "card %d online", slot);
-#define ZMLOG_LOG_F(level, tag, ...)                                                            \
-    ZMLOG_IF_ENABLED_(level, 0UL, {                                                             \
-        if (false) ::PF::Utils::LOG::detail::CheckFormat(__VA_ARGS__);                          \
-        ::PF::Utils::LOG::detail::WriteFormatted(zmlogLevel_, 0UL, (tag), __func__,             \
-                                                 __builtin_strlen(__func__), 0UL, __VA_ARGS__); \
+#define ZMLOG_LOG_F(level, tag, ...)                                   \
+    ZMLOG_IF_ENABLED_(level, 0UL, {                                    \
+        if (false) ::PF::Utils::LOG::detail::CheckFormat(__VA_ARGS__); \
+        ZMLOG_FORMATTED_(zmlogLevel_, (tag), 0UL, __VA_ARGS__);        \
     })
 
 // printf-style text from a call site that writes only its 1st, (n+1)-th,
 // (2n+1)-th ... call; n is read on every call.
 // Example: ZMLOG_LOG_EVERY_N(PF::Utils::LOG::kDebug, 1000, "sched", "cycle %lu", cycle);
-#define ZMLOG_LOG_EVERY_N(level, n, tag, ...)                                                      \
-    ZMLOG_IF_ENABLED_(level, 0UL, {                                                                \
-        if (false) ::PF::Utils::LOG::detail::CheckFormat(__VA_ARGS__);                             \
-        static ::PF::Utils::LOG::detail::EveryNSite zmlogSite_;                                    \
-        unsigned long zmlogSuppressed_ = 0;                                                        \
-        if (::PF::Utils::LOG::detail::TakeEveryN(zmlogSite_, static_cast<unsigned long>(n),        \
-                                                 zmlogSuppressed_))                                \
-            ::PF::Utils::LOG::detail::WriteFormatted(zmlogLevel_, 0UL, (tag), __func__,            \
-                                                     __builtin_strlen(__func__), zmlogSuppressed_, \
-                                                     __VA_ARGS__);                                 \
+#define ZMLOG_LOG_EVERY_N(level, n, tag, ...)                                               \
+    ZMLOG_IF_ENABLED_(level, 0UL, {                                                         \
+        if (false) ::PF::Utils::LOG::detail::CheckFormat(__VA_ARGS__);                      \
+        static ::PF::Utils::LOG::detail::EveryNSite zmlogSite_;                             \
+        unsigned long zmlogSuppressed_ = 0;                                                 \
+        if (::PF::Utils::LOG::detail::TakeEveryN(zmlogSite_, static_cast<unsigned long>(n), \
+                                                 zmlogSuppressed_))                         \
+            ZMLOG_FORMATTED_(zmlogLevel_, (tag), zmlogSuppressed_, __VA_ARGS__);            \
     })
 
 // printf-style text from a call site that writes at most one record per
 // interval of ms milliseconds (record time); the calls in between are
 // passed over and counted.
 // Example: ZMLOG_LOG_LIMIT(PF::Utils::LOG::kWarn, 1000, "io", "card %d not answering", slot);
-#define ZMLOG_LOG_LIMIT(level, ms, tag, ...)                                                       \
-    ZMLOG_IF_ENABLED_(level, 0UL, {                                                                \
-        if (false) ::PF::Utils::LOG::detail::CheckFormat(__VA_ARGS__);                             \
-        static ::PF::Utils::LOG::detail::LimitSite zmlogSite_;                                     \
-        unsigned long zmlogSuppressed_ = 0;                                                        \
-        if (::PF::Utils::LOG::detail::TakeLimit(zmlogSite_, static_cast<long>(ms),                 \
-                                                zmlogSuppressed_))                                 \
-            ::PF::Utils::LOG::detail::WriteFormatted(zmlogLevel_, 0UL, (tag), __func__,            \
-                                                     __builtin_strlen(__func__), zmlogSuppressed_, \
-                                                     __VA_ARGS__);                                 \
+#define ZMLOG_LOG_LIMIT(level, ms, tag, ...)                                       \
+    ZMLOG_IF_ENABLED_(level, 0UL, {                                                \
+        if (false) ::PF::Utils::LOG::detail::CheckFormat(__VA_ARGS__);             \
+        static ::PF::Utils::LOG::detail::LimitSite zmlogSite_;                     \
+        unsigned long zmlogSuppressed_ = 0;                                        \
+        if (::PF::Utils::LOG::detail::TakeLimit(zmlogSite_, static_cast<long>(ms), \
+                                                zmlogSuppressed_))                 \
+            ZMLOG_FORMATTED_(zmlogLevel_, (tag), zmlogSuppressed_, __VA_ARGS__);   \
     })
 
 // Text with a 64-bit component word: PF bits 0-15, RT 16-31, HC 32-47, HW 48-63.

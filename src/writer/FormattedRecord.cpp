@@ -16,11 +16,6 @@ namespace {
 // a buffer of its size.
 constexpr std::size_t kFirstTry = 512;
 
-std::size_t ProgramLength() {
-    static const std::size_t length = std::strlen(program_invocation_short_name);
-    return length;
-}
-
 // " (41 suppressed)" after the text of a rate-limited call site.
 std::size_t AppendSuppressed(char* at, unsigned long suppressed) {
     if (suppressed == 0) return 0;
@@ -32,35 +27,21 @@ std::size_t AppendSuppressed(char* at, unsigned long suppressed) {
     std::memcpy(out, " suppressed)", 12);
     return static_cast<std::size_t>(out + 12 - at);
 }
-constexpr std::size_t kSuppressedRoom = 40;
 
 }  // namespace
 
-bool WriteFormattedRecord(unsigned char level, unsigned long component, const char* tag,
-                          const char* function, std::size_t functionLength, const char* fmt,
-                          const FormatArg* args, std::size_t count, unsigned long suppressed) {
-    tag = OrEmpty(tag);
-    const auto functionLen = static_cast<std::uint16_t>(functionLength);
-    const auto programLen = static_cast<std::uint16_t>(ProgramLength());
-    const auto tagLen = static_cast<std::uint16_t>(std::strlen(tag));
-    const std::size_t fixed = sizeof(LogHead) + functionLen + programLen + tagLen;
+std::size_t ProgramNameLength() noexcept {
+    static const std::size_t length = std::strlen(program_invocation_short_name);
+    return length;
+}
+
+void WriteFormattedText(char* record, std::size_t fixed, std::size_t size, unsigned char level,
+                        unsigned long component, const char* tag, std::size_t tagLength,
+                        const char* function, std::size_t functionLength,
+                        unsigned long suppressed) {
+    char* text = record + fixed;
     // What a record can carry: an over-long text keeps its beginning.
     const std::size_t budget = fixed < kMaxRecordLength ? kMaxRecordLength - fixed : 0;
-
-    // cppcheck-suppress allocaCalled ; never the heap on the binary path
-    auto* record = static_cast<char*>(alloca(fixed + kFirstTry + kSuppressedRoom));
-    char* text = record + fixed;
-    const long length = FormatText(text, kFirstTry, fmt, args, count);
-    if (length < 0) return false;  // the C library's formatter takes it
-    std::size_t size = static_cast<std::size_t>(length);
-    if (size > kFirstTry) {
-        const std::size_t room = size < budget ? size : budget;
-        // cppcheck-suppress allocaCalled
-        record = static_cast<char*>(alloca(fixed + room + kSuppressedRoom));
-        text = record + fixed;
-        FormatText(text, room, fmt, args, count);
-        size = room;
-    }
     // Text is stored up to its first NUL, as for any text record.
     if (const void* nul = std::memchr(text, 0, size)) size = static_cast<const char*>(nul) - text;
     size += AppendSuppressed(text + size, suppressed);
@@ -68,14 +49,14 @@ bool WriteFormattedRecord(unsigned char level, unsigned long component, const ch
 
     if (IsUPEnvironment()) {
         WriteText(level, component, tag, function, std::string(text, size));
-        return true;
+        return;
     }
     const std::int64_t timeUs = NowUs();
     LogHead head;
     head.flags = level;
-    head.programLen = programLen;
-    head.functionLen = functionLen;
-    head.tagLen = tagLen;
+    head.programLen = static_cast<std::uint16_t>(ProgramNameLength());
+    head.functionLen = static_cast<std::uint16_t>(functionLength);
+    head.tagLen = static_cast<std::uint16_t>(tagLength);
     head.contentLen = static_cast<std::uint32_t>(size);
     head.valueType = 0;
     head.threadId = CurrentThreadId();
@@ -83,6 +64,33 @@ bool WriteFormattedRecord(unsigned char level, unsigned long component, const ch
     head.timeUs = timeUs;
     PutHeadAndNames(record, head, function, program_invocation_short_name, tag);
     Submit(record, static_cast<unsigned>(fixed + size), timeUs);
+}
+
+bool WriteFormattedRecord(unsigned char level, unsigned long component, const char* tag,
+                          const char* function, std::size_t functionLength, const char* fmt,
+                          const FormatArg* args, std::size_t count, unsigned long suppressed) {
+    tag = OrEmpty(tag);
+    // Names are at most 65535 bytes: the record keeps that much of them.
+    const std::size_t tagLength = static_cast<std::uint16_t>(std::strlen(tag));
+    functionLength = static_cast<std::uint16_t>(functionLength);
+    const std::size_t fixed = sizeof(LogHead) + functionLength + ProgramNameLength() + tagLength;
+    const std::size_t budget = fixed < kMaxRecordLength ? kMaxRecordLength - fixed : 0;
+
+    // cppcheck-suppress allocaCalled ; never the heap on the binary path
+    auto* record = static_cast<char*>(alloca(fixed + kFirstTry + kFormattedSuffixRoom));
+    char* text = record + fixed;
+    const long length = FormatText(text, kFirstTry, fmt, args, count);
+    if (length < 0) return false;  // the C library's formatter takes it
+    std::size_t size = static_cast<std::size_t>(length);
+    if (size > kFirstTry) {
+        const std::size_t room = size < budget ? size : budget;
+        // cppcheck-suppress allocaCalled
+        record = static_cast<char*>(alloca(fixed + room + kFormattedSuffixRoom));
+        FormatText(record + fixed, room, fmt, args, count);
+        size = room;
+    }
+    WriteFormattedText(record, fixed, size, level, component, tag, tagLength, function,
+                       functionLength, suppressed);
     return true;
 }
 

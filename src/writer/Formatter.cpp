@@ -9,47 +9,9 @@
 namespace PF::Utils::LOG::detail {
 namespace {
 
-// Writes at most cap bytes, counts them all (snprintf's result).
-class Output {
-  public:
-    Output(char* out, std::size_t cap) : out_(out), cap_(cap) {}
-    void Put(const char* text, std::size_t n) {
-        if (n == 0) return;  // an empty view may have no data at all
-        if (len_ < cap_) {
-            const std::size_t m = n < cap_ - len_ ? n : cap_ - len_;
-            // Most pieces are a few bytes: copied here rather than by a call.
-            if (m > 16) {
-                std::memcpy(out_ + len_, text, m);
-            } else {
-                for (std::size_t i = 0; i < m; ++i) out_[len_ + i] = text[i];
-            }
-        }
-        len_ += n;
-    }
-    void Fill(char c, std::size_t n) {
-        if (n == 0) return;  // most conversions pad nothing: no call at all
-        if (len_ < cap_) std::memset(out_ + len_, c, n < cap_ - len_ ? n : cap_ - len_);
-        len_ += n;
-    }
-    std::size_t Length() const { return len_; }
-
-  private:
-    char* out_;
-    std::size_t cap_;
-    std::size_t len_ = 0;
-};
-
-struct Conversion {
-    bool left = false, plus = false, space = false, alternate = false, zero = false;
-    long width = 0;
-    long precision = -1;  // none
-    enum Length { kInt, kChar, kShort, kLong, kLongLong, kSize, kMax, kDiff } length = kInt;
-    char conversion = 0;
-};
-
 // sign, prefix and body, padded to the width: zeros between prefix and body
 // when zeroPad, blanks on the left (or right, with '-') otherwise.
-void Emit(Output& out, const Conversion& conv, std::string_view sign, std::string_view prefix,
+void Emit(FormatOutput& out, const Conversion& conv, std::string_view sign, std::string_view prefix,
           std::size_t zeros, std::string_view body, bool zeroPad) {
     const std::size_t size = sign.size() + prefix.size() + zeros + body.size();
     const std::size_t pad = conv.width > 0 && static_cast<std::size_t>(conv.width) > size
@@ -63,29 +25,10 @@ void Emit(Output& out, const Conversion& conv, std::string_view sign, std::strin
     if (conv.left) out.Fill(' ', pad);
 }
 
-// The value as printf reads it for the length modifier (the bits of what
-// was passed, as for a va_list).
-unsigned long long Narrow(const FormatArg& a, const Conversion& s, bool isSigned) {
-    const unsigned long long u = a.u;
-    switch (s.length) {
-        case Conversion::kChar:
-            return isSigned ? static_cast<unsigned long long>(static_cast<signed char>(u))
-                            : static_cast<unsigned char>(u);
-        case Conversion::kShort:
-            return isSigned ? static_cast<unsigned long long>(static_cast<short>(u))
-                            : static_cast<unsigned short>(u);
-        case Conversion::kInt:
-            return isSigned ? static_cast<unsigned long long>(static_cast<int>(u))
-                            : static_cast<unsigned>(u);
-        default:  // 64 bits on this platform
-            return u;
-    }
-}
-
-bool Integer(Output& out, const Conversion& s, const FormatArg& a) {
+bool Integer(FormatOutput& out, const Conversion& s, const FormatArg& a) {
     if (a.kind != FormatArg::kSigned && a.kind != FormatArg::kUnsigned) return false;
     const bool isSigned = s.conversion == 'd' || s.conversion == 'i';
-    unsigned long long value = Narrow(a, s, isSigned);
+    unsigned long long value = Narrow(a, s.length, isSigned);
     std::string_view sign;
     if (isSigned) {
         if (static_cast<long long>(value) < 0) {
@@ -115,7 +58,7 @@ bool Integer(Output& out, const Conversion& s, const FormatArg& a) {
     return true;
 }
 
-bool Char(Output& out, const Conversion& s, const FormatArg& a) {
+bool Char(FormatOutput& out, const Conversion& s, const FormatArg& a) {
     if (a.kind != FormatArg::kSigned && a.kind != FormatArg::kUnsigned) return false;
     if (s.length != Conversion::kInt) return false;  // %lc: a wide character
     const char c = static_cast<char>(static_cast<unsigned char>(a.u));
@@ -123,7 +66,7 @@ bool Char(Output& out, const Conversion& s, const FormatArg& a) {
     return true;
 }
 
-bool String(Output& out, const Conversion& s, const FormatArg& a) {
+bool String(FormatOutput& out, const Conversion& s, const FormatArg& a) {
     if (a.kind != FormatArg::kString || s.length != Conversion::kInt) return false;
     std::string_view text;
     if (a.s == nullptr) {
@@ -140,7 +83,7 @@ bool String(Output& out, const Conversion& s, const FormatArg& a) {
     return true;
 }
 
-bool Pointer(Output& out, const Conversion& s, const FormatArg& a) {
+bool Pointer(FormatOutput& out, const Conversion& s, const FormatArg& a) {
     if (a.kind != FormatArg::kPointer && a.kind != FormatArg::kString) return false;
     if (s.plus || s.space || s.zero || s.precision >= 0) return false;
     const auto value = reinterpret_cast<std::uintptr_t>(a.p);
@@ -167,7 +110,44 @@ char* TrimFraction(char* begin, char* e, char* end) {
     return last + (end - e);
 }
 
-bool Floating(Output& out, const Conversion& s, const FormatArg& a) {
+__extension__ typedef unsigned __int128 Wide;  // NOLINT(modernize-use-using): needs __extension__
+
+// "%.Pf" (P at most 9) of a value below 10^9, the common case of a measured
+// value, exactly as printf rounds it: the double is m * 2^e, and m * 10^P
+// (83 bits at most) shifted right by -e, rounded to nearest with ties to
+// even. Several times faster than the general conversion. Null when out of
+// that range.
+char* FixedShort(double magnitude, int precision, char* body) {
+    static constexpr std::uint64_t kPow10[] = {1,      10,      100,      1000,      10000,
+                                               100000, 1000000, 10000000, 100000000, 1000000000};
+    if (precision > 9 || !(magnitude < 1e9)) return nullptr;
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &magnitude, sizeof bits);
+    const int biased = static_cast<int>(bits >> 52);
+    std::uint64_t m = bits & ((std::uint64_t{1} << 52) - 1);
+    if (biased != 0) m |= std::uint64_t{1} << 52;         // else subnormal
+    const int shift = 1075 - (biased != 0 ? biased : 1);  // > 22 below 10^9
+    const Wide scaled = static_cast<Wide>(m) * kPow10[precision];
+    std::uint64_t q = 0;
+    if (shift < 128) {
+        q = static_cast<std::uint64_t>(scaled >> shift);
+        const Wide rest = scaled & ((static_cast<Wide>(1) << shift) - 1);
+        const Wide half = static_cast<Wide>(1) << (shift - 1);
+        if (rest > half || (rest == half && (q & 1) != 0)) ++q;
+    }  // else below 2^-45: 0
+    const std::uint64_t unit = kPow10[precision];
+    char* end = std::to_chars(body, body + 24, q / unit).ptr;
+    if (precision == 0) return end;
+    *end++ = '.';
+    char digits[24];
+    char* last = std::to_chars(digits, digits + sizeof digits, q % unit).ptr;
+    const auto count = static_cast<std::size_t>(last - digits);
+    std::memset(end, '0', static_cast<std::size_t>(precision) - count);
+    std::memcpy(end + precision - count, digits, count);
+    return end + precision;
+}
+
+bool Floating(FormatOutput& out, const Conversion& s, const FormatArg& a) {
     if (a.kind != FormatArg::kDouble || s.length != Conversion::kInt) return false;
     const double value = a.d;
     const char conversion = s.conversion;
@@ -186,7 +166,11 @@ bool Floating(Output& out, const Conversion& s, const FormatArg& a) {
     char* exponent = nullptr;  // where "e..." starts, if any
     const char kind = static_cast<char>(conversion | 0x20);
     if (kind == 'f') {
-        r = std::to_chars(body, limit, magnitude, std::chars_format::fixed, precision);
+        if (char* end = FixedShort(magnitude, precision, body)) {
+            r.ptr = end;
+        } else {
+            r = std::to_chars(body, limit, magnitude, std::chars_format::fixed, precision);
+        }
     } else if (kind == 'e') {
         r = std::to_chars(body, limit, magnitude, std::chars_format::scientific, precision);
     } else {
@@ -232,23 +216,55 @@ bool Floating(Output& out, const Conversion& s, const FormatArg& a) {
     return true;
 }
 
-// "123" at p, with p moved past it; -1 on overflow.
-long Number(const char*& p) {
-    long n = 0;
-    for (; *p >= '0' && *p <= '9'; ++p) {
-        if (n > 100000000) return -1;
-        n = n * 10 + (*p - '0');
-    }
-    return n;
-}
-
 }  // namespace
+
+bool Convert(FormatOutput& out, const Conversion& c, const FormatArg* args, std::size_t count,
+             std::size_t& next) {
+    const auto take = [&]() -> const FormatArg* { return next < count ? &args[next++] : nullptr; };
+    const auto isInteger = [](const FormatArg* a) {
+        return a != nullptr && (a->kind == FormatArg::kSigned || a->kind == FormatArg::kUnsigned);
+    };
+    Conversion s = c;
+    if (s.widthStar) {
+        const FormatArg* w = take();
+        if (!isInteger(w)) return false;
+        s.width = static_cast<int>(w->i);
+        if (s.width < 0) {
+            s.left = true;
+            s.width = -s.width;
+        }
+    }
+    if (s.precisionStar) {
+        const FormatArg* w = take();
+        if (!isInteger(w)) return false;
+        const int precision = static_cast<int>(w->i);
+        s.precision = precision < 0 ? -1 : precision;
+    }
+    const FormatArg* a = take();
+    if (a == nullptr) return false;
+    switch (s.conversion) {
+        case 'd':
+        case 'i':
+        case 'u':
+        case 'x':
+        case 'X':
+        case 'o':
+            return Integer(out, s, *a);
+        case 'c':
+            return Char(out, s, *a);
+        case 's':
+            return String(out, s, *a);
+        case 'p':
+            return Pointer(out, s, *a);
+        default:  // f F e E g G: the parser takes nothing else
+            return Floating(out, s, *a);
+    }
+}
 
 long FormatText(char* buffer, std::size_t cap, const char* fmt, const FormatArg* args,
                 std::size_t count) {
-    Output out(buffer, cap);
+    FormatOutput out(buffer, cap);
     std::size_t next = 0;
-    const auto take = [&]() -> const FormatArg* { return next < count ? &args[next++] : nullptr; };
     for (const char* p = fmt; *p != '\0';) {
         if (*p != '%') {
             const char* percent = std::strchr(p, '%');
@@ -258,114 +274,14 @@ long FormatText(char* buffer, std::size_t cap, const char* fmt, const FormatArg*
             p += n;
             continue;
         }
-        ++p;
-        if (*p == '%') {
+        if (p[1] == '%') {
             out.Put("%", 1);
-            ++p;
+            p += 2;
             continue;
         }
-        Conversion s;
-        for (;; ++p) {
-            if (*p == '-') {
-                s.left = true;
-            } else if (*p == '+') {
-                s.plus = true;
-            } else if (*p == ' ') {
-                s.space = true;
-            } else if (*p == '#') {
-                s.alternate = true;
-            } else if (*p == '0') {
-                s.zero = true;
-            } else {
-                break;
-            }
-        }
-        if (*p == '*') {
-            const FormatArg* w = take();
-            if (w == nullptr || (w->kind != FormatArg::kSigned && w->kind != FormatArg::kUnsigned))
-                return -1;
-            s.width = static_cast<int>(w->i);
-            if (s.width < 0) {
-                s.left = true;
-                s.width = -s.width;
-            }
-            ++p;
-        } else {
-            s.width = Number(p);
-            if (s.width < 0 || *p == '$') return -1;  // positional arguments
-        }
-        if (*p == '.') {
-            ++p;
-            if (*p == '*') {
-                const FormatArg* w = take();
-                if (w == nullptr ||
-                    (w->kind != FormatArg::kSigned && w->kind != FormatArg::kUnsigned))
-                    return -1;
-                const int precision = static_cast<int>(w->i);
-                s.precision = precision < 0 ? -1 : precision;
-                ++p;
-            } else {
-                s.precision = Number(p);
-                if (s.precision < 0) return -1;
-            }
-        }
-        switch (*p) {
-            case 'h':
-                s.length = p[1] == 'h' ? Conversion::kChar : Conversion::kShort;
-                p += p[1] == 'h' ? 2 : 1;
-                break;
-            case 'l':
-                s.length = p[1] == 'l' ? Conversion::kLongLong : Conversion::kLong;
-                p += p[1] == 'l' ? 2 : 1;
-                break;
-            case 'z':
-                s.length = Conversion::kSize;
-                ++p;
-                break;
-            case 'j':
-                s.length = Conversion::kMax;
-                ++p;
-                break;
-            case 't':
-                s.length = Conversion::kDiff;
-                ++p;
-                break;
-            default:
-                break;
-        }
-        s.conversion = *p++;
-        const FormatArg* a = nullptr;
-        bool done = false;
-        switch (s.conversion) {
-            case 'd':
-            case 'i':
-            case 'u':
-            case 'x':
-            case 'X':
-            case 'o':
-                done = (a = take()) != nullptr && Integer(out, s, *a);
-                break;
-            case 'c':
-                done = (a = take()) != nullptr && Char(out, s, *a);
-                break;
-            case 's':
-                done = (a = take()) != nullptr && String(out, s, *a);
-                break;
-            case 'p':
-                done = (a = take()) != nullptr && Pointer(out, s, *a);
-                break;
-            case 'f':
-            case 'F':
-            case 'e':
-            case 'E':
-            case 'g':
-            case 'G':
-                done = (a = take()) != nullptr && Floating(out, s, *a);
-                break;
-            default:  // %n, %a, %m, L, a '%' after flags, the end of the text...
-                return -1;
-        }
-        if (!done) return -1;
+        Conversion c;
+        p = ParseConversion(p + 1, c);
+        if (p == nullptr || !Convert(out, c, args, count, next)) return -1;
     }
     return static_cast<long>(out.Length());
 }

@@ -9,7 +9,7 @@
 
 #include <cstddef>
 
-#include "log/FormatArg.h"
+#include "log/FormatPlan.h"
 
 namespace PF::Utils::LOG::detail {
 
