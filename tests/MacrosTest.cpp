@@ -72,9 +72,10 @@ TEST_F(MacrosTest, PassingRecordsCarryLevelTagTextAndCallerName) {
     ZMLOG_INFO_F("fmt", "%ls", std::wstring(511, L'a').c_str());
     ZMLOG_INFO_F("fmt", "%ls", std::wstring(512, L'b').c_str());
     ZMLOG_INFO_F("fmt", "%s", texts[2].c_str());
+    ZMLOG_INFO_F("fmt", "nul%cafter", 0);  // text ends at its first NUL
 
     auto records = zmtest::WalkRecords(Drain());
-    ASSERT_EQ(records.size(), 11U);
+    ASSERT_EQ(records.size(), 12U);
     for (unsigned level = 0; level < 7; ++level) {
         const auto& r = records[level];
         EXPECT_EQ(std::to_string(r.head.flags) + "|" + r.function + "|" + r.program + "|" + r.tag +
@@ -90,6 +91,7 @@ TEST_F(MacrosTest, PassingRecordsCarryLevelTagTextAndCallerName) {
     EXPECT_EQ(32 + cut.function.size() + cut.program.size() + cut.tag.size() + cut.content.size(),
               kMaxRecordLength);
     EXPECT_EQ(cut.content, texts[2].substr(0, cut.content.size()));
+    EXPECT_EQ(records[11].content, "nul");
 }
 
 // A limited site's records say how many calls they passed over, and (an

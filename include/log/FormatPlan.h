@@ -34,10 +34,12 @@ class FormatOutput {
         if (n == 0) return;  // an empty view may have no data at all
         if (len_ < cap_) {
             const std::size_t m = n < cap_ - len_ ? n : cap_ - len_;
-            // Most pieces are a few bytes: copied here rather than by a call.
-            if (m > 16) {
+            if (__builtin_constant_p(n) && m == n) {
+                std::memcpy(out_ + len_, text, n);  // a planned text piece: a few moves
+            } else if (m > 16) {
                 std::memcpy(out_ + len_, text, m);
             } else {
+                // Most pieces are a few bytes: copied here rather than by a call.
                 for (std::size_t i = 0; i < m; ++i) out_[len_ + i] = text[i];
             }
         }
@@ -207,6 +209,22 @@ constexpr FormatPlan<N> MakeFormatPlan(const char* fmt) {
         plan.args += 1 + piece.conversion.widthStar + piece.conversion.precisionStar;
     }
     return plan;
+}
+
+// Whether the text may hold a NUL: only a %c can write one.
+constexpr bool FormatMayHoldNul(const char* fmt) {
+    for (const char* p = fmt; p != nullptr && *p != '\0'; ++p) {
+        if (*p != '%') continue;
+        if (p[1] == '%') {
+            ++p;
+            continue;
+        }
+        Conversion c;
+        const char* end = ParseConversion(p + 1, c);
+        if (end == nullptr || c.conversion == 'c') return true;
+        p = end - 1;
+    }
+    return false;
 }
 
 // An integer with no flag but '-' or '0', no precision, no '*': the common

@@ -135,10 +135,12 @@ constexpr std::size_t kFormattedSuffixRoom = 40;
 
 // Lays out header and names before the size bytes of text at record + fixed
 // (fixed: the header and the three names; kFormattedSuffixRoom bytes free
-// after the text) and writes the record.
+// after the text) and writes the record. mayHoldNul: the text is cut at a
+// NUL it may hold, as any text.
 void WriteFormattedText(char* record, std::size_t fixed, std::size_t size, unsigned char level,
                         unsigned long component, const char* tag, std::size_t tagLength,
-                        const char* function, std::size_t functionLength, unsigned long suppressed);
+                        const char* function, std::size_t functionLength, unsigned long suppressed,
+                        bool mayHoldNul);
 
 // The macros' printf-style call. Literal: the format is a constant
 // (format() returns it); its plan is then made at compile time and the text
@@ -160,7 +162,8 @@ void WriteFormattedAt(L format, unsigned char level, unsigned long component, co
             const long length = FormatPlanned(format, record + fixed, room, a...);
             if (length >= 0 && static_cast<std::size_t>(length) <= room) {
                 WriteFormattedText(record, fixed, static_cast<std::size_t>(length), level,
-                                   component, tag, tagLength, function, functionLength, suppressed);
+                                   component, tag, tagLength, function, functionLength, suppressed,
+                                   FormatMayHoldNul(format()));
                 return;
             }
         }

@@ -37,13 +37,14 @@ std::size_t ProgramNameLength() noexcept {
 
 void WriteFormattedText(char* record, std::size_t fixed, std::size_t size, unsigned char level,
                         unsigned long component, const char* tag, std::size_t tagLength,
-                        const char* function, std::size_t functionLength,
-                        unsigned long suppressed) {
+                        const char* function, std::size_t functionLength, unsigned long suppressed,
+                        bool mayHoldNul) {
     char* text = record + fixed;
     // What a record can carry: an over-long text keeps its beginning.
     const std::size_t budget = fixed < kMaxRecordLength ? kMaxRecordLength - fixed : 0;
     // Text is stored up to its first NUL, as for any text record.
-    if (const void* nul = std::memchr(text, 0, size)) size = static_cast<const char*>(nul) - text;
+    if (const void* nul = mayHoldNul ? std::memchr(text, 0, size) : nullptr)
+        size = static_cast<const char*>(nul) - text;
     size += AppendSuppressed(text + size, suppressed);
     if (size > budget) size = budget;
 
@@ -90,7 +91,7 @@ bool WriteFormattedRecord(unsigned char level, unsigned long component, const ch
         size = room;
     }
     WriteFormattedText(record, fixed, size, level, component, tag, tagLength, function,
-                       functionLength, suppressed);
+                       functionLength, suppressed, true);
     return true;
 }
 
