@@ -46,12 +46,17 @@ TEST_F(WriterTest, ProgramTagFunctionContentAndLengthRules) {
     const std::string longest(kMaxRecordLength - 32 - 1 - kProgram.size() - 1, 'x');
     for (const std::string& text : {longest, longest + "y", std::string("next")})
         WriteLog<const char*>("t", text.c_str(), kInfo, "f", 0, 0, 0, std::string());
+    // The ring-full notice, as the exported call builds it, comes last.
+    const std::vector<char> notice = GenerateEmptyLog();
     std::vector<std::string> seen;  // the longest content by its size
-    for (const auto& r : zmtest::WalkRecords(Drain()))
-        seen.push_back(std::to_string(r.head.flags) + ":" + r.program + "|" + r.function + "|" +
-                       r.tag + "|" +
-                       (r.content.size() > 100 ? std::to_string(r.content.size())
-                                               : r.content.substr(0, r.content.find(", since "))));
+    for (const std::string& bytes : {Drain(), std::string(notice.begin(), notice.end())}) {
+        for (const auto& r : zmtest::WalkRecords(bytes))
+            seen.push_back(std::to_string(r.head.flags) + ":" + r.program + "|" + r.function + "|" +
+                           r.tag + "|" +
+                           (r.content.size() > 100
+                                ? std::to_string(r.content.size())
+                                : r.content.substr(0, r.content.find(", since "))));
+    }
     const std::string p = kProgram;
     EXPECT_EQ(seen, (std::vector<std::string>{
                         "0:CellEmulation|||", "2:" + p + "|||x", "2:" + p + "|f|t|ab",
@@ -60,7 +65,8 @@ TEST_F(WriterTest, ProgramTagFunctionContentAndLengthRules) {
                         "3:" + p +
                             "|ReportLosses|zmlog|lost 1 records: lock busy 0, ring full 0, "
                             "too long 1, rate limited 0",
-                        "2:" + p + "|f|t|next"}));
+                        "2:" + p + "|f|t|next",
+                        "3:" + p + "|GenerateEmptyLog||ring buffer is full, call empty function"}));
 }
 
 // A child forked after its parent logged reports its own thread id.
