@@ -79,9 +79,21 @@ copy_tree() {
   # copy puts the original back, and the touch has it rebuilt.
   local left
   left=$(cd "$scratch/src" && find . -name '*.orig')
-  # Unchanged files keep their times, so only what changed is rebuilt.
+  # Only files whose bytes changed are copied, with the time of the copy: a
+  # file edited before the scratch tree's last build (kept times would say
+  # older than its object) is rebuilt all the same, and the rest is not.
+  local staging=$scratch/staging
+  rm -rf "$staging"
+  mkdir -p "$staging"
   (cd "$root" && git ls-files -co --exclude-standard -z | grep -zv '^build' |
-    tar --null -T - -cf -) | tar -xpf - -C "$scratch/src"
+    tar --null -T - -cf -) | tar -xpf - -C "$staging"
+  (cd "$staging" && find . -type f -print0) | while IFS= read -r -d '' f; do
+    if ! cmp -s "$staging/$f" "$scratch/src/$f"; then
+      mkdir -p "$(dirname "$scratch/src/$f")"
+      cp --preserve=mode "$staging/$f" "$scratch/src/$f"
+    fi
+  done
+  rm -rf "$staging"
   for f in $left; do
     rm -f "$scratch/src/$f"
     touch "$scratch/src/${f%.orig}"
