@@ -275,8 +275,7 @@ unsigned RingHead::Dequeue(void* buf, unsigned len) {
     }
     sem_t* taken = SemManager::TimedLock(kLockTimeoutNs);
     if (taken == nullptr) return 0;
-    const unsigned n =
-        !Retired() && taken == SemManager::Current() ? DequeueImp(buf, len) : 0;
+    const unsigned n = !Retired() && taken == SemManager::Current() ? DequeueImp(buf, len) : 0;
     SemManager::Unlock(taken);
     return n;
 }

@@ -58,5 +58,4 @@ class SemManager {
 // CLOCK_REALTIME now plus addNs (at most one second), normalised.
 timespec DeadlineAfter(const timespec& now, long addNs);
 
-
 }  // namespace PF::Utils::LOG

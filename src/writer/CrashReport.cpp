@@ -103,6 +103,8 @@ void WriteReport(int sig, const siginfo_t& info, void* context) {
     // report starts at the instruction that faulted or sent the signal.
     const auto* interrupted = static_cast<const ucontext_t*>(context);
     void* const pc = interrupted != nullptr
+                         // The kernel hands the program counter over as an integer.
+                         // NOLINTNEXTLINE(performance-no-int-to-ptr)
                          ? reinterpret_cast<void*>(interrupted->uc_mcontext.gregs[REG_RIP])
                          : nullptr;
     int first = 0;
