@@ -152,7 +152,10 @@ void WriteFormattedAt(L format, unsigned char level, unsigned long component, co
                       const char* function, std::size_t functionLength, unsigned long suppressed,
                       const char* fmt, const A&... a) {
     if constexpr (Literal) {
+        // Header, names and text of a usual record; a longer one goes the
+        // run-time way, which sizes its buffer to the text.
         char record[1024];
+        constexpr bool mayHoldNul = FormatMayHoldNul(format());
         tag = OrEmpty(tag);
         const std::size_t tagLength = __builtin_strlen(tag);
         const std::size_t fixed =
@@ -163,7 +166,7 @@ void WriteFormattedAt(L format, unsigned char level, unsigned long component, co
             if (length >= 0 && static_cast<std::size_t>(length) <= room) {
                 WriteFormattedText(record, fixed, static_cast<std::size_t>(length), level,
                                    component, tag, tagLength, function, functionLength, suppressed,
-                                   FormatMayHoldNul(format()));
+                                   mayHoldNul);
                 return;
             }
         }
