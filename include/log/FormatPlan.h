@@ -165,8 +165,9 @@ template <std::size_t N>
 struct FormatPlan {
     FormatPiece pieces[N];
     std::size_t count = 0;
-    std::size_t args = 0;  // arguments the format takes
-    bool taken = true;     // false: a conversion the formatter does not take
+    std::size_t args = 0;     // arguments the format takes
+    bool taken = true;        // false: a conversion the formatter does not take
+    bool mayHoldNul = false;  // a %c may write a NUL, where a text ends
 };
 
 // At most two pieces per '%' and one more.
@@ -207,24 +208,16 @@ constexpr FormatPlan<N> MakeFormatPlan(const char* fmt) {
         }
         piece.firstArg = plan.args;
         plan.args += 1 + piece.conversion.widthStar + piece.conversion.precisionStar;
+        plan.mayHoldNul = plan.mayHoldNul || piece.conversion.conversion == 'c';
     }
     return plan;
 }
 
-// Whether the text may hold a NUL: only a %c can write one.
-constexpr bool FormatMayHoldNul(const char* fmt) {
-    for (const char* p = fmt; p != nullptr && *p != '\0'; ++p) {
-        if (*p != '%') continue;
-        if (p[1] == '%') {
-            ++p;
-            continue;
-        }
-        Conversion c;
-        const char* end = ParseConversion(p + 1, c);
-        if (end == nullptr || c.conversion == 'c') return true;
-        p = end - 1;
-    }
-    return false;
+// The plan of a literal format (returned by format()), made at compile time.
+template <class L>
+constexpr auto PlanFormat(L format) {
+    constexpr const char* fmt = format();
+    return MakeFormatPlan<FormatPieceBound(fmt)>(fmt);
 }
 
 // An integer with no flag but '-' or '0', no precision, no '*': the common
@@ -296,7 +289,7 @@ bool EachPiece(F&& f, std::index_sequence<I...>) {
 template <class L, class... A>
 long FormatPlanned(L format, char* out, std::size_t cap, const A&... a) {
     constexpr const char* fmt = format();
-    constexpr auto plan = MakeFormatPlan<FormatPieceBound(fmt)>(fmt);
+    constexpr auto plan = PlanFormat(format);
     if constexpr (!plan.taken || plan.args > sizeof...(A)) {
         return -1;
     } else {

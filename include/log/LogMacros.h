@@ -155,7 +155,7 @@ void WriteFormattedAt(L format, unsigned char level, unsigned long component, co
         // Header, names and text of a usual record; a longer one goes the
         // run-time way, which sizes its buffer to the text.
         char record[1024];
-        constexpr bool mayHoldNul = FormatMayHoldNul(format());
+        constexpr bool mayHoldNul = PlanFormat(format).mayHoldNul;
         tag = OrEmpty(tag);
         const std::size_t tagLength = __builtin_strlen(tag);
         const std::size_t fixed =
